@@ -1,0 +1,101 @@
+#include "Core/Platform/Thread.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+namespace Zel {
+namespace Core {
+
+namespace {
+
+std::mutex liveMutex;
+std::condition_variable liveChanged;
+unsigned liveCount = 0;
+
+struct Launch {
+    void* (*routine)(void*);
+    void* arg;
+    char name[16];
+};
+
+void threadEnded() {
+    std::lock_guard<std::mutex> guard(liveMutex);
+    --liveCount;
+    liveChanged.notify_all();
+}
+
+void* trampoline(void* raw) {
+    Launch launch = *static_cast<Launch*>(raw);
+    delete static_cast<Launch*>(raw);
+    if (launch.name[0] != '\0') {
+        pthread_setname_np(pthread_self(), launch.name);
+    }
+    void* result = launch.routine(launch.arg);
+    threadEnded();
+    return result;
+}
+
+}  // namespace
+
+void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name) {
+    if (thread.running) {
+        return;
+    }
+    auto* launch = new Launch{routine, arg, {}};
+    if (name != nullptr) {
+        // Linux keeps at most 15 characters of a thread name.
+        std::snprintf(launch->name, sizeof launch->name, "%s", name);
+    }
+    {
+        std::lock_guard<std::mutex> guard(liveMutex);
+        ++liveCount;
+    }
+    if (pthread_create(&thread.handle, nullptr, trampoline, launch) == 0) {
+        thread.running = true;
+    } else {
+        delete launch;
+        threadEnded();
+    }
+}
+
+void ThreadUtil::Join(Thread& thread) {
+    if (thread.running && pthread_join(thread.handle, nullptr) == 0) {
+        thread.running = false;
+    }
+}
+
+void ThreadUtil::Detach(Thread& thread) {
+    if (thread.running && pthread_detach(thread.handle) == 0) {
+        thread.running = false;
+    }
+}
+
+std::string ThreadUtil::GetThreadIdAsString() {
+    pthread_t self = pthread_self();
+    unsigned char bytes[sizeof self];
+    std::memcpy(bytes, &self, sizeof self);
+    std::string text;
+    char digits[3];
+    for (unsigned char byte : bytes) {
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        text += digits;
+    }
+    return text;
+}
+
+unsigned ThreadUtil::LiveThreads() {
+    std::lock_guard<std::mutex> guard(liveMutex);
+    return liveCount;
+}
+
+bool ThreadUtil::WaitForNoLiveThreads(unsigned timeoutMs) {
+    std::unique_lock<std::mutex> lock(liveMutex);
+    return liveChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                [] { return liveCount == 0; });
+}
+
+}  // namespace Core
+}  // namespace Zel
