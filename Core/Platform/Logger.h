@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <string>
 
+#include "Core/Platform/FunctionTrace.h"
 #include "Core/Platform/Mutex.h"
 
 namespace Zel {
@@ -42,7 +43,7 @@ enum LogSeverity : int {
 // The one process-wide logger. Nothing is written until initialize() has
 // applied a "loggers" array; the appenders are fixed until terminate().
 class Logger {
-public:
+  public:
     static Logger& Instance();
 
     void initialize(Json::Value& loggers);
@@ -62,7 +63,7 @@ public:
     void logJson(const std::string& file, int line, const std::string& function, int service,
                  const Json::Value& record);
 
-private:
+  private:
     Logger() = default;
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
@@ -74,13 +75,17 @@ private:
 // Logs one line after a cheap test, so that a disabled line costs no formatting.
 // Every .cpp that logs defines `kLogSource`, the source name its lines carry
 // (for example "Base/CoreManager").
-#define ZEL_LOG(service, category, severity, ...)                                             \
-    do {                                                                                      \
-        if (::Zel::Core::Logger::Instance().test((service), (category), (severity))) {        \
-            ::Zel::Core::Logger::Instance().log(kLogSource, __LINE__, __func__, (service),    \
-                                                (category), (severity), __VA_ARGS__);         \
-        }                                                                                     \
+#define ZEL_LOG(service, category, severity, ...)                                          \
+    do {                                                                                   \
+        if (::Zel::Core::Logger::Instance().test((service), (category), (severity))) {     \
+            ::Zel::Core::Logger::Instance().log(kLogSource, __LINE__, __func__, (service), \
+                                                (category), (severity), __VA_ARGS__);      \
+        }                                                                                  \
     } while (0)
+
+// Logs "Function Enter" here and "Function Return" when the enclosing scope ends.
+#define ZEL_TRACE(service) \
+    ::Zel::Core::FunctionTrace zelFunctionTrace(__func__, kLogSource, __LINE__, (service))
 
 }  // namespace Core
 }  // namespace Zel

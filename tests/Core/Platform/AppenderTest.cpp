@@ -1,0 +1,259 @@
+#include "Core/Platform/Appender.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <climits>
+#include <sstream>
+#include <string>
+
+#include "Core/Platform/ConsoleAppender.h"
+#include "Core/Platform/FileAppender.h"
+#include "Core/Platform/SyslogAppender.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using namespace Zel::Core;
+
+Json::Value filter(const std::string& service, const std::string& category,
+                   const std::string& severity) {
+    Json::Value entry;
+    entry["service"] = service;
+    entry["category"] = category;
+    entry["severity"] = severity;
+    return entry;
+}
+
+Json::Value element(const std::string& format, const Json::Value& filters,
+                    const std::string& argument = "stdout") {
+    Json::Value config;
+    config["type"] = "console";
+    config["argument"] = argument;
+    config["format"] = format;
+    config["filters"] = filters;
+    return config;
+}
+
+Json::Value filters(std::initializer_list<Json::Value> entries) {
+    Json::Value list(Json::arrayValue);
+    for (const Json::Value& entry : entries) {
+        list.append(entry);
+    }
+    return list;
+}
+
+LoggingEvent event(const std::string& message, int severity = 4) {
+    return LoggingEvent("Base/CoreManager", 7, "run", 0, 0, severity, message, "0a1b2c3d",
+                        Timestamp(1709294400, 0));
+}
+
+// Reports its destruction, so ownership by the registry can be checked.
+class ProbeAppender : public Appender {
+  public:
+    ProbeAppender(const Json::Value& config, bool* destroyed)
+        : Appender("probe", config), destroyed_(destroyed) {}
+    ~ProbeAppender() override { *destroyed_ = true; }
+    void doAppend(const LoggingEvent&) override {}
+    void close() override {}
+
+  private:
+    bool* destroyed_;
+};
+
+class AppenderTest : public ::testing::Test {
+  protected:
+    void SetUp() override { Appender::DeleteAllAppenders(); }
+    void TearDown() override { Appender::DeleteAllAppenders(); }
+};
+
+TEST_F(AppenderTest, FiltersFillTheLevelTable) {
+    std::ostringstream out;
+    ConsoleAppender appender(
+        element("short",
+                filters({filter("core", "state", "info"), filter("sv", "flow", "trace"),
+                         filter("su", "test", "error"), filter("su", "test", "warning"),
+                         filter("drmp", "state", "disabled"), filter("Core", "state", "trace"),
+                         filter("core", "all", "trace"), filter("core", "flow", "verbose"),
+                         Json::Value("core"), filter("ds", "", "trace")})),
+        out);
+    ASSERT_TRUE(appender.hasFormat());
+    EXPECT_EQ("console-short-stdout", appender.getName());
+
+    EXPECT_TRUE(appender.isLogEnabled(0, 0, 4));
+    EXPECT_TRUE(appender.isLogEnabled(0, 0, 1));
+    EXPECT_FALSE(appender.isLogEnabled(0, 0, 5));
+    for (int severity = 0; severity <= 6; ++severity) {
+        EXPECT_TRUE(appender.isLogEnabled(2, 1, severity)) << severity;
+    }
+    // The later filter for the same pair wins.
+    EXPECT_TRUE(appender.isLogEnabled(3, 4, 3));
+    EXPECT_FALSE(appender.isLogEnabled(3, 4, 4));
+    // "disabled" admits nothing but severity 0, which no caller uses.
+    EXPECT_FALSE(appender.isLogEnabled(4, 0, 1));
+    // Entries with a name outside the tables are dropped, not widened.
+    EXPECT_FALSE(appender.isLogEnabled(0, 1, 1));
+    EXPECT_FALSE(appender.isLogEnabled(1, 0, 1));
+    // Pairs without an entry, and numbers outside the table.
+    EXPECT_FALSE(appender.isLogEnabled(5, 5, 1));
+    EXPECT_FALSE(appender.isLogEnabled(6, 0, 0));
+    EXPECT_FALSE(appender.isLogEnabled(-1, 0, 0));
+    EXPECT_FALSE(appender.isLogEnabled(0, 6, 0));
+    EXPECT_FALSE(appender.isLogEnabled(INT_MAX, INT_MIN, 0));
+}
+
+TEST_F(AppenderTest, WithoutFiltersArrayOrKnownFormatThereIsNoFormat) {
+    std::ostringstream out;
+    Json::Value noFilters = element("short", Json::Value());
+    noFilters.removeMember("filters");
+    EXPECT_FALSE(ConsoleAppender(noFilters, out).hasFormat());
+    EXPECT_FALSE(
+        ConsoleAppender(element("short", filter("core", "state", "info")), out).hasFormat());
+    EXPECT_FALSE(ConsoleAppender(element("Short", filters({})), out).hasFormat());
+    EXPECT_FALSE(ConsoleAppender(element("", filters({})), out).hasFormat());
+    Json::Value numericFormat = element("short", filters({}));
+    numericFormat["format"] = 3;
+    EXPECT_FALSE(ConsoleAppender(numericFormat, out).hasFormat());
+    for (const char* name : {"short", "medium", "long", "test", "terse"}) {
+        EXPECT_TRUE(ConsoleAppender(element(name, filters({})), out).hasFormat()) << name;
+    }
+    // An appender without format writes nothing even when asked to.
+    ConsoleAppender silent(noFilters, out);
+    silent.doAppend(event("x"));
+    EXPECT_EQ("", out.str());
+}
+
+TEST_F(AppenderTest, ConsoleWritesTheFormattedRecord) {
+    std::ostringstream out;
+    ConsoleAppender appender(element("short", filters({})), out);
+    appender.doAppend(event("first"));
+    appender.doAppend(event("second", 2));
+    appender.close();
+    appender.doAppend(event("after close"));
+    EXPECT_EQ(
+        "core  state      info    first\ncore  state      error   second\n"
+        "core  state      info    after close\n",
+        out.str());
+}
+
+TEST_F(AppenderTest, RegistryKeepsTheFirstOfOneNameAndDeletesTheOther) {
+    bool firstGone = false;
+    bool secondGone = false;
+    bool otherGone = false;
+    auto* first = new ProbeAppender(element("terse", filters({}), "a"), &firstGone);
+    auto* second = new ProbeAppender(element("terse", filters({}), "a"), &secondGone);
+    auto* other = new ProbeAppender(element("long", filters({}), "a"), &otherGone);
+    EXPECT_EQ("probe-terse-a", first->getName());
+
+    EXPECT_TRUE(Appender::AddAppender(first));
+    EXPECT_FALSE(Appender::AddAppender(second));
+    EXPECT_TRUE(secondGone);
+    EXPECT_FALSE(firstGone);
+    EXPECT_TRUE(Appender::AddAppender(other));
+    EXPECT_FALSE(Appender::AddAppender(nullptr));
+
+    // The rejected one, though of the same name, did not unregister the first.
+    auto map = Appender::GetAppenderMap();
+    ASSERT_EQ(2u, map.size());
+    EXPECT_EQ(other, map["probe-long-a"]);
+    EXPECT_EQ(first, map["probe-terse-a"]);
+    auto all = Appender::GetAllAppenders();
+    ASSERT_EQ(2u, all.size());
+    EXPECT_EQ(other, all[0]);
+    EXPECT_EQ(first, all[1]);
+    EXPECT_TRUE(Appender::IsRegistered("probe-terse-a"));
+
+    Appender::DeleteAllAppenders();
+    EXPECT_TRUE(firstGone);
+    EXPECT_TRUE(otherGone);
+    EXPECT_TRUE(Appender::GetAppenderMap().empty());
+    EXPECT_FALSE(Appender::IsRegistered("probe-terse-a"));
+}
+
+TEST_F(AppenderTest, DestroyedAppenderLeavesTheRegistry) {
+    bool gone = false;
+    auto* probe = new ProbeAppender(element("terse", filters({}), "b"), &gone);
+    ASSERT_TRUE(Appender::AddAppender(probe));
+    delete probe;
+    EXPECT_TRUE(Appender::GetAppenderMap().empty());
+}
+
+TEST_F(AppenderTest, FileAppenderTruncatesOrAppends) {
+    ZelTest::TempDir dir;
+    const std::string path = dir.file("agent.log");
+    ZelTest::WriteFile(path, "earlier\n");
+    {
+        FileAppender appender(element("terse", filters({})), path, true, 0644);
+        EXPECT_EQ("file-terse-stdout", appender.getName());
+        EXPECT_EQ(O_WRONLY | O_CREAT | O_APPEND, appender.getFlags());
+        EXPECT_EQ(0644u, appender.getMode());
+        ASSERT_GE(appender.getDescriptor(), 0);
+        appender.doAppend(event("kept"));
+    }
+    EXPECT_EQ("earlier\nkept\n", ZelTest::ReadFile(path));
+    {
+        FileAppender appender(element("terse", filters({})), path, false, 0644);
+        EXPECT_EQ(O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, appender.getFlags());
+        EXPECT_EQ("", ZelTest::ReadFile(path));
+        appender.doAppend(event("fresh"));
+        appender.doAppend(event("again"));
+        appender.close();
+        EXPECT_EQ(-1, appender.getDescriptor());
+        appender.doAppend(event("dropped"));
+    }
+    EXPECT_EQ("fresh\nagain\n", ZelTest::ReadFile(path));
+
+    const std::string created = dir.file("created.log");
+    mode_t old = umask(022);
+    { FileAppender appender(element("terse", filters({})), created, false, 0644); }
+    umask(old);
+    struct stat info {};
+    ASSERT_EQ(0, stat(created.c_str(), &info));
+    EXPECT_EQ(0644u, info.st_mode & 0777);
+}
+
+TEST_F(AppenderTest, UnopenableFileDropsRecordsSilently) {
+    ZelTest::TempDir dir;
+    FileAppender appender(element("terse", filters({})), dir.file("missing/agent.log"), true, 0644);
+    EXPECT_EQ(-1, appender.getDescriptor());
+    appender.doAppend(event("lost"));
+    appender.close();
+}
+
+TEST_F(AppenderTest, SyslogPriorityRule) {
+    // Agent severities are on a 0..6 scale: every one maps to 0.
+    for (int severity = 0; severity <= 6; ++severity) {
+        EXPECT_EQ(0, SyslogAppender::ToSyslogPriority(severity)) << severity;
+    }
+    // An "error" record goes out as emergency with the user facility.
+    EXPECT_EQ(8, SyslogAppender::ToSyslogPriority(2) | LOG_USER);
+    EXPECT_EQ(8, LOG_USER);
+
+    EXPECT_EQ(0, SyslogAppender::ToSyslogPriority(INT_MIN));
+    EXPECT_EQ(0, SyslogAppender::ToSyslogPriority(-101));
+    EXPECT_EQ(0, SyslogAppender::ToSyslogPriority(-100));
+    EXPECT_EQ(0, SyslogAppender::ToSyslogPriority(98));
+    EXPECT_EQ(1, SyslogAppender::ToSyslogPriority(99));
+    EXPECT_EQ(2, SyslogAppender::ToSyslogPriority(250));
+    EXPECT_EQ(6, SyslogAppender::ToSyslogPriority(698));
+    EXPECT_EQ(7, SyslogAppender::ToSyslogPriority(699));
+    EXPECT_EQ(7, SyslogAppender::ToSyslogPriority(798));
+    EXPECT_EQ(7, SyslogAppender::ToSyslogPriority(799));
+    EXPECT_EQ(7, SyslogAppender::ToSyslogPriority(INT_MAX));
+}
+
+TEST_F(AppenderTest, SyslogAppenderKeepsIdentAndFacility) {
+    Json::Value config = element("short", filters({}), "zeltest");
+    config["type"] = "syslog";
+    SyslogAppender appender(config, "zeltest", LOG_USER);
+    EXPECT_EQ("syslog-short-zeltest", appender.getName());
+    EXPECT_EQ("zeltest", appender.getIdent());
+    EXPECT_EQ(LOG_USER, appender.getFacility());
+    EXPECT_TRUE(appender.hasFormat());
+    // No filter: a logger would never hand it a record.
+    EXPECT_FALSE(appender.isLogEnabled(0, 0, 1));
+}
+
+}  // namespace

@@ -1,0 +1,347 @@
+#include "Core/Platform/Logger.h"
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <atomic>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Core/Platform/Appender.h"
+#include "support/TempDir.h"
+
+namespace {
+
+constexpr const char* kLogSource = "Platform/LoggerTest";
+
+using namespace Zel::Core;
+
+Json::Value filter(const std::string& service, const std::string& category,
+                   const std::string& severity) {
+    Json::Value entry;
+    entry["service"] = service;
+    entry["category"] = category;
+    entry["severity"] = severity;
+    return entry;
+}
+
+Json::Value fileElement(const std::string& path, const std::string& format,
+                        std::initializer_list<Json::Value> filterList, bool append = true) {
+    Json::Value element;
+    element["type"] = "file";
+    element["argument"] = path;
+    element["append"] = append;
+    element["format"] = format;
+    element["filters"] = Json::Value(Json::arrayValue);
+    for (const Json::Value& entry : filterList) {
+        element["filters"].append(entry);
+    }
+    return element;
+}
+
+Json::Value array(std::initializer_list<Json::Value> elements) {
+    Json::Value list(Json::arrayValue);
+    for (const Json::Value& element : elements) {
+        list.append(element);
+    }
+    return list;
+}
+
+std::vector<std::string> lines(const std::string& path) {
+    std::vector<std::string> result;
+    std::istringstream in(ZelTest::ReadFile(path));
+    std::string line;
+    while (std::getline(in, line)) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+class LoggerTest : public ::testing::Test {
+  protected:
+    void SetUp() override { Logger::Instance().terminate(); }
+    void TearDown() override { Logger::Instance().terminate(); }
+
+    void initialize(Json::Value loggers) { Logger::Instance().initialize(loggers); }
+
+    ZelTest::TempDir dir_;
+    std::string path_ = dir_.file("agent.log");
+};
+
+TEST_F(LoggerTest, NothingIsLoggedBeforeInitializeOrWithAnEmptyArray) {
+    Logger& logger = Logger::Instance();
+    EXPECT_FALSE(logger.test(0, 0, 1));
+    logger.log("f", 1, "fn", 0, 0, 1, "before %d", 1);
+    logger.logJson("f", 1, "fn", 0, Json::Value("x"));
+
+    // Not an array: ignored, and the logger stays open for a real configuration.
+    Json::Value object(Json::objectValue);
+    object["type"] = "file";
+    logger.initialize(object);
+    EXPECT_FALSE(logger.test(0, 0, 1));
+
+    initialize(Json::Value(Json::arrayValue));
+    EXPECT_FALSE(logger.test(0, 0, 1));
+    logger.log("f", 1, "fn", 0, 0, 1, "empty");
+    // Already initialized (with nothing): a second configuration is ignored.
+    initialize(array({fileElement(path_, "terse", {filter("core", "state", "trace")})}));
+    EXPECT_FALSE(logger.test(0, 0, 1));
+    logger.log("f", 1, "fn", 0, 0, 1, "still nothing");
+    EXPECT_TRUE(Appender::GetAppenderMap().empty());
+
+    logger.terminate();
+    initialize(array({fileElement(path_, "terse", {filter("core", "state", "trace")})}));
+    EXPECT_TRUE(logger.test(0, 0, 1));
+    logger.log("f", 1, "fn", 0, 0, 1, "after %s", "initialize");
+    EXPECT_EQ("after initialize\n", ZelTest::ReadFile(path_));
+
+    logger.terminate();
+    EXPECT_FALSE(logger.test(0, 0, 1));
+    logger.log("f", 1, "fn", 0, 0, 1, "after terminate");
+    EXPECT_EQ("after initialize\n", ZelTest::ReadFile(path_));
+}
+
+TEST_F(LoggerTest, FiltersDecideWhatEachAppenderWrites) {
+    const std::string other = dir_.file("other.log");
+    initialize(array({fileElement(path_, "terse",
+                                  {filter("core", "state", "info"), filter("sv", "flow", "trace"),
+                                   filter("su", "webservice", "disabled")}),
+                      fileElement(other, "short", {filter("su", "webservice", "error")})}));
+    Logger& logger = Logger::Instance();
+    EXPECT_TRUE(logger.test(ServiceCore, CategoryState, SeverityInfo));
+    EXPECT_FALSE(logger.test(ServiceCore, CategoryState, SeverityDebug));
+    EXPECT_FALSE(logger.test(ServiceCore, CategoryFlow, SeverityFatal));
+    EXPECT_TRUE(logger.test(ServiceSv, CategoryFlow, SeverityTrace));
+    EXPECT_TRUE(logger.test(ServiceSu, CategoryWebservice, SeverityError));
+    EXPECT_FALSE(logger.test(ServiceSu, CategoryWebservice, SeverityWarning));
+
+    for (int severity = SeverityFatal; severity <= SeverityTrace; ++severity) {
+        logger.log("f", 1, "fn", ServiceCore, CategoryState, severity, "core state %d", severity);
+        logger.log("f", 1, "fn", ServiceSv, CategoryFlow, severity, "sv flow %d", severity);
+        logger.log("f", 1, "fn", ServiceSu, CategoryWebservice, severity, "su ws %d", severity);
+        logger.log("f", 1, "fn", ServiceDrmp, CategoryState, severity, "drmp %d", severity);
+    }
+    EXPECT_EQ(
+        "core state 1\nsv flow 1\ncore state 2\nsv flow 2\ncore state 3\nsv flow 3\n"
+        "core state 4\nsv flow 4\nsv flow 5\nsv flow 6\n",
+        ZelTest::ReadFile(path_));
+    EXPECT_EQ("su    webservice fatal   su ws 1\nsu    webservice error   su ws 2\n",
+              ZelTest::ReadFile(other));
+}
+
+TEST_F(LoggerTest, ElementsThatCannotLogAreDropped) {
+    Json::Value consoleWithoutFilters;
+    consoleWithoutFilters["type"] = "console";
+    consoleWithoutFilters["argument"] = "stdout";
+    consoleWithoutFilters["format"] = "short";
+
+    Json::Value consoleBadStream =
+        fileElement("stdlog", "short", {filter("core", "state", "info")});
+    consoleBadStream["type"] = "console";
+    Json::Value unknownType = fileElement(path_, "short", {filter("core", "state", "info")});
+    unknownType["type"] = "socket";
+    Json::Value noArgument = fileElement("", "short", {filter("core", "state", "info")});
+    Json::Value numberArgument = noArgument;
+    numberArgument["argument"] = Json::Value(Json::objectValue);
+    Json::Value badFormat = fileElement(path_, "json", {filter("core", "state", "info")});
+    Json::Value filtersNotArray = fileElement(path_, "short", {});
+    filtersNotArray["filters"] = filter("core", "state", "info");
+
+    initialize(
+        array({consoleWithoutFilters, consoleBadStream, unknownType, noArgument, numberArgument,
+               badFormat, filtersNotArray, Json::Value("file"), Json::Value(7)}));
+    EXPECT_TRUE(Appender::GetAppenderMap().empty());
+    EXPECT_FALSE(Logger::Instance().test(0, 0, 1));
+}
+
+TEST_F(LoggerTest, RegistryKeysAndOrder) {
+    const std::string second = dir_.file("second.log");
+    Json::Value syslog;
+    syslog["type"] = "syslog";
+    syslog["argument"] = "zeltest";
+    syslog["format"] = "short";
+    syslog["filters"] = Json::Value(Json::arrayValue);
+    Json::Value console = syslog;
+    console["type"] = "console";
+    console["argument"] = "stderr";
+
+    // Two appenders on one file: records arrive in key order, terse after short.
+    initialize(array({fileElement(path_, "terse", {filter("core", "state", "info")}),
+                      fileElement(path_, "short", {filter("core", "state", "info")}),
+                      fileElement(second, "long", {}), syslog, console}));
+    auto map = Appender::GetAppenderMap();
+    std::vector<std::string> keys;
+    for (const auto& entry : map) {
+        keys.push_back(entry.first);
+    }
+    EXPECT_EQ((std::vector<std::string>{"console-short-stderr", "file-long-" + second,
+                                        "file-short-" + path_, "file-terse-" + path_,
+                                        "syslog-short-zeltest"}),
+              keys);
+
+    Logger::Instance().log("f", 1, "fn", 0, 0, 4, "twice");
+    EXPECT_EQ("core  state      info    twice\ntwice\n", ZelTest::ReadFile(path_));
+    EXPECT_EQ("", ZelTest::ReadFile(second));
+}
+
+TEST_F(LoggerTest, RepeatedElementIsRegisteredOnce) {
+    ZelTest::WriteFile(path_, "earlier\n");
+    Json::Value first = fileElement(path_, "terse", {filter("core", "state", "info")});
+    // Same type, format and argument: the same key, even with other filters and flags.
+    Json::Value again = fileElement(path_, "terse", {filter("sv", "state", "trace")}, false);
+    initialize(array({first, again}));
+
+    auto map = Appender::GetAppenderMap();
+    ASSERT_EQ(1u, map.size());
+    EXPECT_EQ("file-terse-" + path_, map.begin()->first);
+    EXPECT_FALSE(Logger::Instance().test(ServiceSv, CategoryState, SeverityInfo));
+    Logger::Instance().log("f", 1, "fn", 0, 0, 4, "once");
+    EXPECT_EQ("earlier\nonce\n", ZelTest::ReadFile(path_));
+}
+
+TEST_F(LoggerTest, LogCallCarriesSourceFunctionAndLongMessages) {
+    initialize(array({fileElement(path_, "test", {filter("drmp", "clibapi", "warning")})}));
+    const std::string big(5000, 'z');
+    int line = __LINE__ + 1;
+    ZEL_LOG(ServiceDrmp, CategoryClibapi, SeverityWarning, "%s-%d", big.c_str(), 7);
+    ZEL_LOG(ServiceDrmp, CategoryClibapi, SeverityInfo, "filtered");
+
+    std::vector<std::string> written = lines(path_);
+    ASSERT_EQ(1u, written.size());
+    Json::Value record;
+    ASSERT_TRUE(Json::Reader().parse(written[0], record));
+    EXPECT_EQ("Platform/LoggerTest", record["file"].asString());
+    EXPECT_EQ(line, record["line"].asInt());
+    EXPECT_EQ("TestBody", record["method"].asString());
+    EXPECT_EQ("drmp", record["service"].asString());
+    EXPECT_EQ("clibapi", record["category"].asString());
+    EXPECT_EQ("warning", record["severity"].asString());
+    EXPECT_EQ("***BAD JSON***", record["message"].asString());
+    EXPECT_EQ(16u, record["threadName"].asString().size());
+    EXPECT_EQ(27u, record["timeStamp"].asString().size());
+}
+
+TEST_F(LoggerTest, JsonChannelWritesCompactRecordsAtTestInfo) {
+    const std::string terse = dir_.file("terse.log");
+    initialize(array({fileElement(path_, "test", {filter("core", "test", "info")}),
+                      fileElement(terse, "terse", {filter("core", "test", "info")})}));
+    Json::Value record;
+    record["coreEventQueued"]["event"] = "startsvsession";
+    record["coreEventQueued"]["parameters"] = Json::Value(Json::objectValue);
+    record["coreEventQueued"]["parameters"]["note"] = "100% \"done\"\n";
+    Logger::Instance().logJson("Base/EventManager", 9, "queue", ServiceCore, record);
+    // Not admitted for another service.
+    Logger::Instance().logJson("Base/EventManager", 9, "queue", ServiceSv, record);
+
+    EXPECT_EQ(
+        "{\"coreEventQueued\":{\"event\":\"startsvsession\",\"parameters\":{\"note\":\"100% "
+        "\\\"done\\\"\\n\"}}}\n",
+        ZelTest::ReadFile(terse));
+    std::vector<std::string> written = lines(path_);
+    ASSERT_EQ(1u, written.size());
+    Json::Value parsed;
+    ASSERT_TRUE(Json::Reader().parse(written[0], parsed));
+    EXPECT_EQ(record, parsed["message"]);
+    EXPECT_EQ("test", parsed["category"].asString());
+    EXPECT_EQ("info", parsed["severity"].asString());
+    EXPECT_EQ("Base/EventManager", parsed["file"].asString());
+    EXPECT_EQ(9, parsed["line"].asInt());
+}
+
+// Every record must reach the file whole, whatever the interleaving of callers.
+TEST_F(LoggerTest, ConcurrentCallersWriteIntactLines) {
+    initialize(array({fileElement(path_, "long",
+                                  {filter("core", "state", "info"), filter("sv", "test", "info"),
+                                   filter("sv", "flow", "debug")})}));
+    constexpr int kThreads = 6;
+    constexpr int kRecords = 200;
+    const std::string payload(300, 'p');
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &payload] {
+            for (int i = 0; i < kRecords; ++i) {
+                if (t % 2 == 0) {
+                    Logger::Instance().log("f", 1, "worker", ServiceCore, CategoryState,
+                                           SeverityInfo, "thread %d record %d %s end", t, i,
+                                           payload.c_str());
+                } else {
+                    ZEL_TRACE(ServiceSv);
+                    Json::Value record;
+                    record["thread"] = t;
+                    record["record"] = i;
+                    Logger::Instance().logJson("f", 1, "worker", ServiceSv, record);
+                }
+                Logger::Instance().test(ServiceCore, CategoryState, SeverityInfo);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    std::set<std::string> seen;
+    size_t traces = 0;
+    for (const std::string& line : lines(path_)) {
+        ASSERT_EQ(0u, line.rfind("[ZEL] ", 0)) << line;
+        size_t message = line.find("-{worker} ");
+        if (message == std::string::npos) {
+            ASSERT_NE(std::string::npos, line.find("-{operator()} ")) << line;
+            ASSERT_TRUE(endsWith(line, " Function Enter") || endsWith(line, " Function Return"))
+                << line;
+            ++traces;
+            continue;
+        }
+        std::string text = line.substr(line.find_first_not_of(' ', message + 10));
+        EXPECT_TRUE(seen.insert(text).second) << text;
+    }
+    EXPECT_EQ(static_cast<size_t>(kThreads / 2 * kRecords * 2), traces);
+    ASSERT_EQ(static_cast<size_t>(kThreads * kRecords), seen.size());
+    for (int t = 0; t < kThreads; ++t) {
+        for (int i = 0; i < kRecords; ++i) {
+            std::string expected = t % 2 == 0 ? "thread " + std::to_string(t) + " record " +
+                                                    std::to_string(i) + " " + payload + " end"
+                                              : "{\"record\":" + std::to_string(i) +
+                                                    ",\"thread\":" + std::to_string(t) + "}";
+            EXPECT_EQ(1u, seen.count(expected)) << expected;
+        }
+    }
+}
+
+// Reconfiguring while others log: a record is either written whole or not at all.
+TEST_F(LoggerTest, TerminateAndInitializeWhileOthersLog) {
+    Json::Value loggers = array({fileElement(path_, "terse", {filter("core", "state", "info")})});
+    initialize(loggers);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&stop, t] {
+            for (int i = 0; !stop.load(); ++i) {
+                ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "writer %d line %d", t, i);
+            }
+        });
+    }
+    for (int round = 0; round < 50; ++round) {
+        Logger::Instance().terminate();
+        Logger::Instance().initialize(loggers);
+    }
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const std::string& line : lines(path_)) {
+        int writer = -1;
+        int number = -1;
+        char rest = 0;
+        ASSERT_EQ(2, sscanf(line.c_str(), "writer %d line %d%c", &writer, &number, &rest)) << line;
+    }
+}
+
+}  // namespace
