@@ -1,0 +1,522 @@
+#include "Core/Platform/Http.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "Core/Platform/Injector.h"
+#include "Core/Platform/Logger.h"
+#include "Core/Platform/TimeManager.h"
+#include "Core/Project/ProductIdentity.h"
+
+namespace Zel {
+namespace Core {
+
+namespace {
+
+constexpr const char* kLogSource = "Platform/Http";
+
+constexpr long kKeepAliveSeconds = 10;
+
+std::atomic<bool> globalCleanup{false};
+
+struct BioFree {
+    void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct X509InfoStackFree {
+    void operator()(STACK_OF(X509_INFO) * infos) const {
+        sk_X509_INFO_pop_free(infos, X509_INFO_free);
+    }
+};
+struct X509StoreFree {
+    void operator()(X509_STORE* store) const { X509_STORE_free(store); }
+};
+struct X509Free {
+    void operator()(X509* cert) const { X509_free(cert); }
+};
+struct PkeyFree {
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct MimeFree {
+    void operator()(curl_mime* mime) const { curl_mime_free(mime); }
+};
+
+using X509InfoStack = std::unique_ptr<STACK_OF(X509_INFO), X509InfoStackFree>;
+
+// Drains OpenSSL's error queue of this thread into one line, so that a stale
+// error cannot be blamed on a later, unrelated TLS operation.
+std::string OpenSslErrors() {
+    std::string text;
+    unsigned long code;
+    while ((code = ERR_get_error()) != 0) {
+        char buffer[256];
+        ERR_error_string_n(code, buffer, sizeof(buffer));
+        if (!text.empty()) {
+            text += "; ";
+        }
+        text += buffer;
+    }
+    return text.empty() ? std::string("no detail") : text;
+}
+
+X509InfoStack ReadPemCertificates(const std::string& pem) {
+    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    if (!bio) {
+        return nullptr;
+    }
+    return X509InfoStack(PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr));
+}
+
+int PassphraseCallback(char* buffer, int size, int /*rwflag*/, void* data) {
+    const std::string& password = static_cast<const ProductIdentity*>(data)->getPassword();
+    if (size < 0 || password.size() > static_cast<size_t>(size)) {
+        return -1;
+    }
+    memcpy(buffer, password.data(), password.size());
+    return static_cast<int>(password.size());
+}
+
+CURLcode InstallTrust(SSL_CTX* ctx, const ProductIdentity& identity) {
+    X509InfoStack infos = ReadPemCertificates(identity.getTrust());
+    std::unique_ptr<X509_STORE, X509StoreFree> store(X509_STORE_new());
+    if (!infos || !store) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot read the trust chain: %s",
+                OpenSslErrors().c_str());
+        return CURLE_SSL_CACERT_BADFILE;
+    }
+    int added = 0;
+    for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
+        X509_INFO* info = sk_X509_INFO_value(infos.get(), i);
+        if (info->x509 == nullptr) {
+            continue;
+        }
+        if (X509_STORE_add_cert(store.get(), info->x509) != 1) {
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                    "Cannot add a trusted certificate: %s", OpenSslErrors().c_str());
+            return CURLE_SSL_CACERT_BADFILE;
+        }
+        ++added;
+    }
+    if (added == 0) {
+        ERR_clear_error();
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "No certificate in the trust chain");
+        return CURLE_SSL_CACERT_BADFILE;
+    }
+    // The context takes the store over; only the identity's trust counts.
+    SSL_CTX_set_cert_store(ctx, store.release());
+    return CURLE_OK;
+}
+
+CURLcode InstallCertificate(SSL_CTX* ctx, const ProductIdentity& identity) {
+    X509InfoStack infos = ReadPemCertificates(identity.getCert());
+    X509* client = nullptr;
+    for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
+        X509* cert = sk_X509_INFO_value(infos.get(), i)->x509;
+        if (cert == nullptr) {
+            continue;
+        }
+        if (client == nullptr) {
+            client = cert;
+            continue;
+        }
+        // Intermediates go out with the client certificate; the context
+        // owns what it is given, the stack keeps its own.
+        std::unique_ptr<X509, X509Free> copy(X509_dup(cert));
+        if (!copy || SSL_CTX_add_extra_chain_cert(ctx, copy.get()) != 1) {
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                    "Cannot add a chain certificate: %s", OpenSslErrors().c_str());
+            return CURLE_SSL_CERTPROBLEM;
+        }
+        copy.release();
+    }
+    if (client == nullptr) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "Cannot read the client certificate: %s", OpenSslErrors().c_str());
+        return CURLE_SSL_CERTPROBLEM;
+    }
+    if (SSL_CTX_use_certificate(ctx, client) != 1) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "Cannot use the client certificate: %s", OpenSslErrors().c_str());
+        return CURLE_SSL_CERTPROBLEM;
+    }
+    return CURLE_OK;
+}
+
+CURLcode InstallPrivateKey(SSL_CTX* ctx, const ProductIdentity& identity) {
+    const std::string& pem = identity.getKey();
+    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    std::unique_ptr<EVP_PKEY, PkeyFree> key;
+    if (bio) {
+        key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, PassphraseCallback,
+                                          const_cast<ProductIdentity*>(&identity)));
+    }
+    if (!key) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot read the private key: %s",
+                OpenSslErrors().c_str());
+        return CURLE_SSL_CERTPROBLEM;
+    }
+    if (SSL_CTX_use_PrivateKey(ctx, key.get()) != 1) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot use the private key: %s",
+                OpenSslErrors().c_str());
+        return CURLE_SSL_CERTPROBLEM;
+    }
+    return CURLE_OK;
+}
+
+// Called by libcurl for every new TLS connection, before the handshake.
+CURLcode SslContextCallback(CURL* /*handle*/, void* sslContext, void* data) {
+    auto* ctx = static_cast<SSL_CTX*>(sslContext);
+    auto* identity = static_cast<const ProductIdentity*>(data);
+    if (identity == nullptr) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "No product identity for the TLS connection");
+        return CURLE_SSL_CERTPROBLEM;
+    }
+    ERR_clear_error();
+    CURLcode code = InstallTrust(ctx, *identity);
+    if (code == CURLE_OK) {
+        code = InstallCertificate(ctx, *identity);
+    }
+    if (code == CURLE_OK) {
+        code = InstallPrivateKey(ctx, *identity);
+    }
+    ERR_clear_error();
+    return code;
+}
+
+int DebugCallback(CURL* /*handle*/, curl_infotype type, char* text, size_t size, void* /*user*/) {
+    const char* prefix;
+    switch (type) {
+        case CURLINFO_TEXT:
+            prefix = "* ";
+            break;
+        case CURLINFO_HEADER_IN:
+            prefix = "< ";
+            break;
+        case CURLINFO_HEADER_OUT:
+            prefix = "> ";
+            break;
+        default:
+            return 0;  // bodies and TLS records stay out of the log
+    }
+    // One log line per text line; libcurl hands over whole header blocks.
+    const char* data = text;
+    const char* end = text + size;
+    while (data < end) {
+        const char* eol = std::find(data, end, '\n');
+        const char* last = eol;
+        if (last > data && last[-1] == '\r') {
+            --last;
+        }
+        if (last > data) {
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityTrace, "%s%.*s", prefix,
+                    static_cast<int>(last - data), data);
+        }
+        data = eol == end ? end : eol + 1;
+    }
+    return 0;
+}
+
+size_t WriteCallback(char* data, size_t size, size_t count, void* user) {
+    auto* response = static_cast<Http::Response*>(user);
+    response->body.append(data, size * count);
+    return size * count;
+}
+
+size_t HeaderCallback(char* data, size_t size, size_t count, void* user) {
+    auto* response = static_cast<Http::Response*>(user);
+    size_t length = size * count;
+    std::string line(data, length);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+        line.pop_back();
+    }
+    if (line.compare(0, 5, "HTTP/") == 0) {
+        // A new status line (after "100 Continue", say): keep the final answer's headers only.
+        response->headers.clear();
+    } else if (!line.empty()) {
+        response->headers.push_back(line);
+    }
+    return length;
+}
+
+int ProgressCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    const auto* request = static_cast<const Http::Request*>(user);
+    if (request->abort != nullptr && request->abort->load()) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityInfo, "Aborting transfer of %s",
+                request->url.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+template <typename T>
+bool SetOption(CURL* handle, CURLoption option, T value, const char* name) {
+    CURLcode code = curl_easy_setopt(handle, option, value);
+    if (code != CURLE_OK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "%s failed with code %d - \"%s\"",
+                name, static_cast<int>(code), curl_easy_strerror(code));
+        return false;
+    }
+    return true;
+}
+
+template <typename T>
+bool GetInfo(CURL* handle, CURLINFO info, T* value, const char* name) {
+    CURLcode code = curl_easy_getinfo(handle, info, value);
+    if (code != CURLE_OK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "%s failed with code %d - \"%s\"",
+                name, static_cast<int>(code), curl_easy_strerror(code));
+        return false;
+    }
+    return true;
+}
+
+#define ZEL_SETOPT(handle, option, value)                   \
+    do {                                                    \
+        if (!SetOption((handle), option, (value), #option)) \
+            return false;                                   \
+    } while (0)
+
+// Adds one named part to a multipart form.
+bool AddFormPart(curl_mime* mime, const char* name, const std::string& value) {
+    curl_mimepart* part = curl_mime_addpart(mime);
+    CURLcode code = part == nullptr ? CURLE_OUT_OF_MEMORY : curl_mime_name(part, name);
+    if (code == CURLE_OK) {
+        code = curl_mime_data(part, value.data(), value.size());
+    }
+    if (code != CURLE_OK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "curl_formadd failed with code %d",
+                static_cast<int>(code));
+        return false;
+    }
+    return true;
+}
+
+const char* VerbToString(Http::Verb verb) {
+    switch (verb) {
+        case Http::Verb::Get:
+            return "GET";
+        case Http::Verb::Post:
+            return "POST";
+        case Http::Verb::FormPost:
+            return "POST (form)";
+        case Http::Verb::Delete:
+            return "DELETE";
+    }
+    return "?";
+}
+
+// Sets every option of one exchange, in a fixed order; `mime` receives the
+// form of a form POST, which must live until the transfer is over.
+bool SetUpHandle(Http::Request& request, Http::Response& response,
+                 std::unique_ptr<curl_mime, MimeFree>& mime) {
+    CURL* handle = request.handle.get();
+    ZEL_SETOPT(handle, CURLOPT_VERBOSE, 1L);
+    ZEL_SETOPT(handle, CURLOPT_DEBUGFUNCTION, &DebugCallback);
+    ZEL_SETOPT(handle, CURLOPT_SSL_CTX_DATA,
+               static_cast<void*>(const_cast<ProductIdentity*>(request.identity)));
+    ZEL_SETOPT(handle, CURLOPT_SSL_CTX_FUNCTION, &SslContextCallback);
+    ZEL_SETOPT(handle, CURLOPT_NOSIGNAL, 1L);
+    ZEL_SETOPT(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+    ZEL_SETOPT(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+    ZEL_SETOPT(handle, CURLOPT_SSL_VERIFYSTATUS, 1L);
+    ZEL_SETOPT(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    ZEL_SETOPT(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
+    ZEL_SETOPT(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    // No system bundle: the identity's trust store is the only one.
+    ZEL_SETOPT(handle, CURLOPT_CAINFO, static_cast<char*>(nullptr));
+    ZEL_SETOPT(handle, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    ZEL_SETOPT(handle, CURLOPT_URL, request.url.c_str());
+    ZEL_SETOPT(handle, CURLOPT_WRITEFUNCTION, &WriteCallback);
+    ZEL_SETOPT(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
+    ZEL_SETOPT(handle, CURLOPT_HEADERFUNCTION, &HeaderCallback);
+    ZEL_SETOPT(handle, CURLOPT_HEADERDATA, static_cast<void*>(&response));
+    ZEL_SETOPT(handle, CURLOPT_XFERINFOFUNCTION, &ProgressCallback);
+    ZEL_SETOPT(handle, CURLOPT_XFERINFODATA, static_cast<void*>(&request));
+    ZEL_SETOPT(handle, CURLOPT_NOPROGRESS, 0L);
+    ZEL_SETOPT(handle, CURLOPT_CONNECTTIMEOUT_MS, request.connectTimeoutMs);
+    ZEL_SETOPT(handle, CURLOPT_TIMEOUT_MS, request.timeoutMs);
+    if (request.reusable) {
+        if (!request.keepAlive) {
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug,
+                    "Setting up reusable curl handle with TCP keep alive");
+        }
+        ZEL_SETOPT(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+        ZEL_SETOPT(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveSeconds);
+        ZEL_SETOPT(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveSeconds);
+        request.keepAlive = true;
+    }
+
+    curl_slist* list = nullptr;
+    for (const std::string& header : request.headers) {
+        curl_slist* longer = curl_slist_append(list, header.c_str());
+        if (longer == nullptr) {
+            curl_slist_free_all(list);
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                    "CURLOPT_HTTPHEADER failed with code %d - \"%s\"",
+                    static_cast<int>(CURLE_OUT_OF_MEMORY), curl_easy_strerror(CURLE_OUT_OF_MEMORY));
+            return false;
+        }
+        list = longer;
+    }
+    request.headerList.reset(list);
+    ZEL_SETOPT(handle, CURLOPT_HTTPHEADER, request.headerList.get());
+
+    switch (request.verb) {
+        case Http::Verb::Get:
+            ZEL_SETOPT(handle, CURLOPT_HTTPGET, 1L);
+            break;
+        case Http::Verb::Delete:
+            ZEL_SETOPT(handle, CURLOPT_CUSTOMREQUEST, "delete");
+            break;
+        case Http::Verb::FormPost:
+            mime.reset(curl_mime_init(handle));
+            if (!mime || !AddFormPart(mime.get(), "data", request.formData) ||
+                !AddFormPart(mime.get(), "token", request.formToken)) {
+                if (!mime) {
+                    ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                            "curl_formadd failed with code %d",
+                            static_cast<int>(CURLE_OUT_OF_MEMORY));
+                }
+                return false;
+            }
+            if (!SetOption(handle, CURLOPT_MIMEPOST, mime.get(), "CURLOPT_HTTPPOST")) {
+                return false;
+            }
+            break;
+        case Http::Verb::Post:
+            ZEL_SETOPT(handle, CURLOPT_POST, 1L);
+            ZEL_SETOPT(handle, CURLOPT_POSTFIELDS, request.body.c_str());
+            ZEL_SETOPT(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+            break;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool Http::Initialize(bool globalInit, bool globalCleanupOnTerminate) {
+    globalCleanup = globalCleanupOnTerminate;
+    if (!globalInit) {
+        return true;
+    }
+    CURLcode code = curl_global_init(CURL_GLOBAL_ALL);
+    if (code != CURLE_OK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "curl_global_init failed with code %d - \"%s\"", static_cast<int>(code),
+                curl_easy_strerror(code));
+        return false;
+    }
+    return true;
+}
+
+void Http::Terminate() {
+    if (globalCleanup.exchange(false)) {
+        curl_global_cleanup();
+    }
+}
+
+bool Http::Perform(Request& request, Response& response) {
+    response = Response();
+    if (Injector::Instance().mock(request, response)) {
+        return true;
+    }
+    if (!TimeManager::Instance().isGoodTime()) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "curl_easy_perform() skipped because time is bad!");
+        return false;
+    }
+
+    if (request.reusable && request.handle) {
+        // Same handle, same connection; only the options start afresh.
+        curl_easy_reset(request.handle.get());
+    } else {
+        request.handle.reset();
+        request.keepAlive = false;
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "curl_easy_init()");
+        request.handle.reset(curl_easy_init());
+        if (!request.handle) {
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                    "curl_easy_init() failed, aborting Http::Perform()");
+            return false;
+        }
+    }
+    // The handle no longer points at the previous header list.
+    request.headerList.reset();
+
+    std::unique_ptr<curl_mime, MimeFree> mime;
+    if (!SetUpHandle(request, response, mime)) {
+        return false;
+    }
+
+    CURL* handle = request.handle.get();
+    CURLcode code = curl_easy_perform(handle);
+    mime.reset();
+    if (code != CURLE_OK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "curl_easy_perform() failed with code %d - \"%s\"", static_cast<int>(code),
+                curl_easy_strerror(code));
+        return false;
+    }
+
+    long status = 0;
+    curl_off_t speedUpload = 0;
+    curl_off_t speedDownload = 0;
+    if (!GetInfo(handle, CURLINFO_RESPONSE_CODE, &status, "CURLINFO_RESPONSE_CODE") ||
+        !GetInfo(handle, CURLINFO_SPEED_UPLOAD_T, &speedUpload, "CURLINFO_SPEED_UPLOAD") ||
+        !GetInfo(handle, CURLINFO_SPEED_DOWNLOAD_T, &speedDownload, "CURLINFO_SPEED_DOWNLOAD")) {
+        return false;
+    }
+    response.status = status;
+    response.speedUpload = static_cast<double>(speedUpload);
+    response.speedDownload = static_cast<double>(speedDownload);
+    ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "HTTP Status: %d",
+            static_cast<int>(status));
+    return true;
+}
+
+void Http::Cleanup(Request& request) {
+    if (request.handle) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "curl_easy_cleanup()");
+        request.handle.reset();
+    }
+    request.headerList.reset();
+    request.keepAlive = false;
+}
+
+void Http::PrintRequest(const Request& request) {
+    ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "Request %s %s",
+            VerbToString(request.verb), request.url.c_str());
+    for (const std::string& header : request.headers) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "Request header %s",
+                header.c_str());
+    }
+    if (request.verb == Verb::Post) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "Request body %s",
+                request.body.c_str());
+    } else if (request.verb == Verb::FormPost) {
+        // The token is a credential: its size is enough to tell it is there.
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug,
+                "Request form data %s, token of %zu bytes", request.formData.c_str(),
+                request.formToken.size());
+    }
+}
+
+void Http::PrintResponse(const Request& request, const Response& response) {
+    ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "Response %ld%s for %s",
+            response.status, response.mocked ? " (injected)" : "", request.url.c_str());
+    for (const std::string& header : response.headers) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "Response header %s",
+                header.c_str());
+    }
+    ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "Response body %s",
+            response.body.c_str());
+}
+
+}  // namespace Core
+}  // namespace Zel

@@ -1,0 +1,246 @@
+#include "tools/cloud/TlsServer.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace ZelCloud {
+
+namespace {
+
+struct BioFree {
+    void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct X509Free {
+    void operator()(X509* cert) const { X509_free(cert); }
+};
+
+std::string OpenSslErrors() {
+    std::string text;
+    unsigned long code;
+    while ((code = ERR_get_error()) != 0) {
+        char buffer[256];
+        ERR_error_string_n(code, buffer, sizeof(buffer));
+        if (!text.empty()) {
+            text += "; ";
+        }
+        text += buffer;
+    }
+    return text;
+}
+
+}  // namespace
+
+TlsServer::TlsServer() {
+    // Settings that do not depend on any file; certificates come in start().
+    server_ = std::make_unique<httplib::SSLServer>([this](SSL_CTX& ctx) {
+        SSL_CTX_set_min_proto_version(&ctx, TLS1_2_VERSION);
+        SSL_CTX_set_options(&ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
+        SSL_CTX_set_tlsext_status_cb(&ctx, &TlsServer::StatusCallback);
+        SSL_CTX_set_tlsext_status_arg(&ctx, this);
+        return true;
+    });
+}
+
+TlsServer::~TlsServer() {
+    stop();
+}
+
+bool TlsServer::fail(const std::string& reason) {
+    error_ = reason;
+    return false;
+}
+
+bool TlsServer::bind(int port, const std::string& host) {
+    if (bound_) {
+        return fail("already bound");
+    }
+    if (!server_->is_valid()) {
+        return fail("cannot create the TLS context");
+    }
+    if (port == 0) {
+        port = server_->bind_to_any_port(host);
+        if (port <= 0) {
+            return fail("cannot bind to a free port on " + host);
+        }
+    } else if (!server_->bind_to_port(host, port)) {
+        return fail("cannot bind to " + host + ":" + std::to_string(port));
+    }
+    port_ = port;
+    bound_ = true;
+    return true;
+}
+
+bool TlsServer::loadCertificates(SSL_CTX* ctx, const Config& config) {
+    if (SSL_CTX_use_certificate_file(ctx, config.certFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+        return fail("cannot load certificate " + config.certFile + ": " + OpenSslErrors());
+    }
+    if (SSL_CTX_use_PrivateKey_file(ctx, config.keyFile.c_str(), SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_check_private_key(ctx) != 1) {
+        return fail("cannot load key " + config.keyFile + ": " + OpenSslErrors());
+    }
+    if (!config.chainFile.empty()) {
+        // libcurl looks for the issuer of the stapled response's subject in
+        // the chain the server sends, so the issuer goes with it.
+        std::unique_ptr<BIO, BioFree> bio(BIO_new_file(config.chainFile.c_str(), "r"));
+        if (!bio) {
+            return fail("cannot open chain " + config.chainFile);
+        }
+        int count = 0;
+        while (true) {
+            std::unique_ptr<X509, X509Free> cert(
+                PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+            if (!cert) {
+                break;
+            }
+            if (SSL_CTX_add1_chain_cert(ctx, cert.get()) != 1) {
+                return fail("cannot add chain certificate: " + OpenSslErrors());
+            }
+            ++count;
+        }
+        ERR_clear_error();  // the end of the file reads as "no start line"
+        if (count == 0) {
+            return fail("no certificate in chain " + config.chainFile);
+        }
+    }
+    if (config.clientCaFile.empty()) {
+        SSL_CTX_set_verify(ctx, SSL_VERIFY_NONE, nullptr);
+    } else {
+        if (SSL_CTX_load_verify_locations(ctx, config.clientCaFile.c_str(), nullptr) != 1) {
+            return fail("cannot load client CA " + config.clientCaFile + ": " + OpenSslErrors());
+        }
+        STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(config.clientCaFile.c_str());
+        if (names == nullptr) {
+            return fail("no CA name in " + config.clientCaFile);
+        }
+        SSL_CTX_set_client_CA_list(ctx, names);
+        SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    }
+    if (config.ocspFile.empty()) {
+        setOcspResponse(std::string());
+    } else if (!loadOcspResponse(config.ocspFile)) {
+        return fail("cannot read OCSP response " + config.ocspFile);
+    }
+    return true;
+}
+
+bool TlsServer::start(const Config& config) {
+    if (thread_.joinable()) {
+        return fail("already running");
+    }
+    if (!bound_ && !bind()) {
+        return false;
+    }
+    if (!loadCertificates(server_->ssl_context(), config)) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        listenReturned_ = false;
+    }
+    thread_ = std::thread([this] {
+        server_->listen_after_bind();
+        std::lock_guard<std::mutex> lock(mutex_);
+        listenReturned_ = true;
+        stopped_.notify_all();
+    });
+    return true;
+}
+
+void TlsServer::stop() {
+    if (!thread_.joinable()) {
+        return;
+    }
+    // httplib's stop() does nothing until the accept loop has begun, so it
+    // is repeated until the loop is seen to end.
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!listenReturned_) {
+            lock.unlock();
+            server_->stop();
+            lock.lock();
+            stopped_.wait_for(lock, std::chrono::milliseconds(20),
+                              [this] { return listenReturned_; });
+        }
+    }
+    thread_.join();
+}
+
+void TlsServer::setOcspResponse(const std::string& der) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ocspResponse_ = der;
+}
+
+bool TlsServer::loadOcspResponse(const std::string& path) {
+    std::string der;
+    if (!ReadFile(path, der) || der.empty()) {
+        return false;
+    }
+    setOcspResponse(der);
+    return true;
+}
+
+int TlsServer::StatusCallback(SSL* ssl, void* arg) {
+    auto* self = static_cast<TlsServer*>(arg);
+    std::string der;
+    {
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        der = self->ocspResponse_;
+    }
+    if (der.empty()) {
+        return SSL_TLSEXT_ERR_NOACK;
+    }
+    // OpenSSL takes ownership of the buffer.
+    auto* buffer = static_cast<unsigned char*>(OPENSSL_malloc(der.size()));
+    if (buffer == nullptr) {
+        return SSL_TLSEXT_ERR_ALERT_FATAL;
+    }
+    memcpy(buffer, der.data(), der.size());
+    if (SSL_set_tlsext_status_ocsp_resp(ssl, buffer, static_cast<long>(der.size())) != 1) {
+        OPENSSL_free(buffer);
+        return SSL_TLSEXT_ERR_ALERT_FATAL;
+    }
+    return SSL_TLSEXT_ERR_OK;
+}
+
+std::string TlsServer::ClientCommonName(const httplib::Request& request) {
+    if (request.ssl == nullptr) {
+        return std::string();
+    }
+    X509* cert = SSL_get0_peer_certificate(request.ssl);
+    if (cert == nullptr) {
+        return std::string();
+    }
+    X509_NAME* subject = X509_get_subject_name(cert);
+    int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+    if (index < 0) {
+        return std::string();
+    }
+    ASN1_STRING* data = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index));
+    unsigned char* utf8 = nullptr;
+    int length = ASN1_STRING_to_UTF8(&utf8, data);
+    if (length < 0) {
+        return std::string();
+    }
+    std::string name(reinterpret_cast<char*>(utf8), static_cast<size_t>(length));
+    OPENSSL_free(utf8);
+    return name;
+}
+
+bool TlsServer::ReadFile(const std::string& path, std::string& content) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return false;
+    }
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    content = buffer.str();
+    return true;
+}
+
+}  // namespace ZelCloud
