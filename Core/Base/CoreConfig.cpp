@@ -1,0 +1,135 @@
+#include "Core/Base/CoreConfig.h"
+
+#include <json/reader.h>
+#include <json/value.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+
+#include "Core/Platform/Injector.h"
+#include "Core/Platform/Logger.h"
+
+namespace {
+constexpr const char* kLogSource = "Base/CoreConfig";
+
+const char* boolText(bool value) {
+    return value ? "true" : "false";
+}
+
+// A present key that cannot be converted keeps the current value: jsoncpp
+// would throw, and configuration faults must never stop the agent.
+bool readBool(const Json::Value& section, const char* key, bool current) {
+    const Json::Value& value = section[key];
+    if (value.isNull() || !value.isConvertibleTo(Json::booleanValue)) {
+        return current;
+    }
+    return value.asBool();
+}
+
+std::string readString(const Json::Value& section, const char* key, const std::string& current) {
+    const Json::Value& value = section[key];
+    if (value.isNull() || !value.isConvertibleTo(Json::stringValue)) {
+        return current;
+    }
+    return value.asString();
+}
+
+// Completes a relative path from the working directory. Only a completed path
+// is checked: an absolute path is the integrator's explicit choice and may
+// legitimately appear later (a mount point, say).
+bool completeRelativePath(std::string& path) {
+    if (!path.empty() && path[0] == '/') {
+        return false;
+    }
+    path = "/" + path;
+    char cwd[1024];
+    if (getcwd(cwd, sizeof(cwd)) != nullptr) {
+        path = cwd + path;
+    }
+    return true;
+}
+
+bool isUsableDirectory(const std::string& path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+void appendSlash(std::string& path) {
+    if (path.empty() || path.back() != '/') {
+        path += '/';
+    }
+}
+
+}  // namespace
+
+namespace Zel {
+namespace Core {
+
+CoreConfig::CoreConfig(const char* text) {
+    setCustomValues();
+
+    if (text != nullptr) {
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value root;
+        std::string errors;
+        const char* end = text + std::strlen(text);
+        if (reader->parse(text, end, &root, &errors) && root.isObject() && root.isMember("core")) {
+            const Json::Value core = root.get("core", Json::Value());
+            if (core.isObject()) {
+                skipCurlGlobalInit_ = readBool(core, "skipCurlGlobalInit", skipCurlGlobalInit_);
+                skipSslCryptoInit_ = readBool(core, "skipSslCryptoInit", skipSslCryptoInit_);
+                persistentPath_ = readString(core, "persistentPath", persistentPath_);
+                temporaryPath_ = readString(core, "temporaryPath", temporaryPath_);
+                enableSwVersionSimulation_ =
+                    readBool(core, "enableSwVersionSimulation", enableSwVersionSimulation_);
+                initialSimulatedSwVersion_ =
+                    readString(core, "initialSimulatedSwVersion", initialSimulatedSwVersion_);
+            }
+
+            // Loggers and injectors are only configured together with "core".
+            Json::Value loggers = root.get("loggers", Json::Value());
+            if (!loggers.isNull()) {
+                Logger::Instance().initialize(loggers);
+            }
+            const Json::Value injectors = root.get("injectors", Json::Value());
+            if (!injectors.isNull()) {
+                Injector::Instance().initialize(injectors);
+            }
+        }
+    }
+
+    if (completeRelativePath(persistentPath_) && !isUsableDirectory(persistentPath_)) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "PERSISTENT DIRECTORY %s IS NOT USABLE!",
+                persistentPath_.c_str());
+    }
+    appendSlash(persistentPath_);
+
+    if (completeRelativePath(temporaryPath_) && !isUsableDirectory(temporaryPath_)) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "TEMPORARY DIRECTORY %s IS NOT USABLE!",
+                temporaryPath_.c_str());
+    }
+    appendSlash(temporaryPath_);
+}
+
+void CoreConfig::setCustomValues() {}
+
+void CoreConfig::logStateDebug() const {
+    ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "config->skipCurlGlobalInit           : %s",
+            boolText(skipCurlGlobalInit_));
+    ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "config->skipSslCryptoInit            : %s",
+            boolText(skipSslCryptoInit_));
+    ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "config->persistentPath               : %s",
+            persistentPath_.c_str());
+    ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "config->temporaryPath                : %s",
+            temporaryPath_.c_str());
+    ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "config->enableSwVersionSimulation    : %s",
+            boolText(enableSwVersionSimulation_));
+    ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "config->initialSimulatedSwVersion    : %s",
+            initialSimulatedSwVersion_.c_str());
+}
+
+}  // namespace Core
+}  // namespace Zel

@@ -1,0 +1,189 @@
+#include "Core/Base/CoreConfig.h"
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "Core/Platform/Logger.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+using Zel::Core::CoreConfig;
+using ZelTest::LogCapture;
+using ZelTest::TempDir;
+
+namespace {
+
+constexpr const char* kLogSource = "Base/CoreConfigTest";
+
+std::string currentDirectory() {
+    char buffer[1024];
+    return getcwd(buffer, sizeof(buffer)) != nullptr ? buffer : "";
+}
+
+std::string compact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+std::string coreDocument(const Json::Value& core) {
+    Json::Value root;
+    root["core"] = core;
+    return compact(root);
+}
+
+// Runs the test body in a scratch working directory and restores the old one.
+class CoreConfigTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        previous_ = currentDirectory();
+        ASSERT_EQ(0, chdir(scratch_.path().c_str()));
+        cwd_ = currentDirectory();
+    }
+    void TearDown() override { ASSERT_EQ(0, chdir(previous_.c_str())); }
+
+    TempDir scratch_;
+    std::string previous_;
+    std::string cwd_;
+};
+
+TEST_F(CoreConfigTest, DefaultsWithoutUsableDocument) {
+    LogCapture capture;
+    const char* texts[] = {nullptr, "", "not json {", "[1, 2]", "{\"other\": {}}", "{\"core\": 7}"};
+    for (const char* text : texts) {
+        CoreConfig config(text);
+        SCOPED_TRACE(text != nullptr ? text : "(null)");
+        EXPECT_FALSE(config.getSkipCurlGlobalInit());
+        EXPECT_FALSE(config.getSkipSslCryptoInit());
+        EXPECT_EQ(cwd_ + "/", config.getPersistentPath());
+        EXPECT_EQ(cwd_ + "/", config.getTemporaryPath());
+        EXPECT_FALSE(config.getEnableSwVersionSimulation());
+        EXPECT_EQ("1.0", config.getInitialSimulatedSwVersion());
+    }
+    // The working directory exists, so nothing is worth a line.
+    EXPECT_TRUE(capture.messages().empty());
+}
+
+TEST_F(CoreConfigTest, ReadsEveryCoreKey) {
+    TempDir persistent;
+    TempDir temporary;
+    Json::Value core;
+    core["skipCurlGlobalInit"] = true;
+    core["skipSslCryptoInit"] = true;
+    core["persistentPath"] = persistent.path();
+    core["temporaryPath"] = temporary.path() + "/";
+    core["enableSwVersionSimulation"] = true;
+    core["initialSimulatedSwVersion"] = "2.5.1";
+    CoreConfig config(coreDocument(core).c_str());
+    EXPECT_TRUE(config.getSkipCurlGlobalInit());
+    EXPECT_TRUE(config.getSkipSslCryptoInit());
+    EXPECT_EQ(persistent.path() + "/", config.getPersistentPath());
+    EXPECT_EQ(temporary.path() + "/", config.getTemporaryPath());
+    EXPECT_TRUE(config.getEnableSwVersionSimulation());
+    EXPECT_EQ("2.5.1", config.getInitialSimulatedSwVersion());
+}
+
+TEST_F(CoreConfigTest, MistypedKeysFollowJsonConversionOrKeepDefaults) {
+    Json::Value core;
+    core["skipCurlGlobalInit"] = 1;     // converts to true
+    core["skipSslCryptoInit"] = "yes";  // not convertible: default
+    core["enableSwVersionSimulation"] = Json::Value(Json::arrayValue);
+    core["initialSimulatedSwVersion"] = 3;  // converts to "3"
+    core["persistentPath"] = Json::Value(Json::objectValue);
+    CoreConfig config(coreDocument(core).c_str());
+    EXPECT_TRUE(config.getSkipCurlGlobalInit());
+    EXPECT_FALSE(config.getSkipSslCryptoInit());
+    EXPECT_FALSE(config.getEnableSwVersionSimulation());
+    EXPECT_EQ("3", config.getInitialSimulatedSwVersion());
+    EXPECT_EQ(cwd_ + "/", config.getPersistentPath());
+}
+
+TEST_F(CoreConfigTest, RelativePathsAreCompletedAndChecked) {
+    LogCapture capture;
+    Json::Value core;
+    core["persistentPath"] = "data";
+    core["temporaryPath"] = "scratch/";
+    {
+        CoreConfig config(coreDocument(core).c_str());
+        EXPECT_EQ(cwd_ + "/data/", config.getPersistentPath());
+        EXPECT_EQ(cwd_ + "/scratch/", config.getTemporaryPath());
+    }
+    EXPECT_EQ(1u, capture.count("PERSISTENT DIRECTORY " + cwd_ + "/data IS NOT USABLE!"));
+    EXPECT_EQ(1u, capture.count("TEMPORARY DIRECTORY " + cwd_ + "/scratch/ IS NOT USABLE!"));
+    EXPECT_EQ(2u, capture.messages().size());
+
+    // Once the directories exist, the same document is quiet.
+    ASSERT_EQ(0, mkdir("data", 0775));
+    ASSERT_EQ(0, mkdir("scratch", 0775));
+    CoreConfig again(coreDocument(core).c_str());
+    EXPECT_EQ(cwd_ + "/data/", again.getPersistentPath());
+    EXPECT_EQ(2u, capture.messages().size());
+
+    // A plain file is not a directory.
+    ZelTest::WriteFile(cwd_ + "/plain", "x");
+    Json::Value fileCore;
+    fileCore["persistentPath"] = "plain";
+    CoreConfig onFile(coreDocument(fileCore).c_str());
+    EXPECT_EQ(cwd_ + "/plain/", onFile.getPersistentPath());
+    EXPECT_TRUE(capture.contains("PERSISTENT DIRECTORY " + cwd_ + "/plain IS NOT USABLE!"));
+}
+
+TEST_F(CoreConfigTest, AbsolutePathsAreKeptUnchecked) {
+    LogCapture capture;
+    Json::Value core;
+    core["persistentPath"] = "/nonexistent/zel/persist";
+    core["temporaryPath"] = "/nonexistent/zel/tmp/";
+    CoreConfig config(coreDocument(core).c_str());
+    EXPECT_EQ("/nonexistent/zel/persist/", config.getPersistentPath());
+    EXPECT_EQ("/nonexistent/zel/tmp/", config.getTemporaryPath());
+    EXPECT_TRUE(capture.messages().empty());
+}
+
+TEST_F(CoreConfigTest, LoggersAreConfiguredOnlyWithCoreSection) {
+    Zel::Core::Logger::Instance().terminate();
+    TempDir logs;
+    const std::string path = logs.file("log.txt");
+    auto logOneLine = [] {
+        ZEL_LOG(Zel::Core::ServiceCore, Zel::Core::CategoryState, Zel::Core::SeverityError,
+                "probe line");
+    };
+
+    Json::Value withoutCore;
+    withoutCore["loggers"] = LogCapture::LoggersConfig(path, "trace");
+    CoreConfig ignored(compact(withoutCore).c_str());
+    logOneLine();
+    EXPECT_EQ("", ZelTest::ReadFile(path));
+
+    Json::Value withCore = withoutCore;
+    withCore["core"] = Json::Value(Json::objectValue);
+    CoreConfig applied(compact(withCore).c_str());
+    logOneLine();
+    Zel::Core::Logger::Instance().terminate();
+    EXPECT_EQ("probe line\n", ZelTest::ReadFile(path));
+}
+
+TEST_F(CoreConfigTest, LogStateDebugWritesEveryValue) {
+    LogCapture capture;
+    Json::Value core;
+    core["skipSslCryptoInit"] = true;
+    core["persistentPath"] = "/var/zel";
+    core["temporaryPath"] = "/tmp";
+    CoreConfig config(coreDocument(core).c_str());
+    config.logStateDebug();
+    const std::vector<std::string> expected = {
+        "config->skipCurlGlobalInit           : false",
+        "config->skipSslCryptoInit            : true",
+        "config->persistentPath               : /var/zel/",
+        "config->temporaryPath                : /tmp/",
+        "config->enableSwVersionSimulation    : false",
+        "config->initialSimulatedSwVersion    : 1.0",
+    };
+    EXPECT_EQ(expected, capture.messages());
+}
+
+}  // namespace

@@ -1,0 +1,257 @@
+#include "Core/Project/KorvanePlugin.h"
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/value.h>
+#include <json/writer.h>
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Core/Project/DeviceValues.h"
+#include "Core/Project/ProductIdentity.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+using korvane::KorvanePlugin;
+using Zel::Core::DeviceValues;
+using Zel::Core::ProductIdentity;
+using ZelTest::LogCapture;
+using ZelTest::TempDir;
+
+namespace {
+
+const std::string kSampleDir = std::string(ZEL_BINARY_DIR) + "/tools/korvane/";
+const std::string kSample = kSampleDir + "libzel_korvane_sample.so";
+const std::string kSampleWithoutCommands = kSampleDir + "libzel_korvane_sample_nocommands.so";
+
+// The process-wide plug-in of this test is the sample library.
+const bool kSamplePlugin = setenv("ZEL_KORVANE_PLUGIN", kSample.c_str(), 1) == 0;
+
+std::string compact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+Json::Value parse(const std::string& text) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string errors;
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << text;
+    return root;
+}
+
+// Sets an environment variable for one scope and puts the old state back.
+class ScopedEnv {
+  public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        const char* old = std::getenv(name);
+        hadOld_ = old != nullptr;
+        old_ = hadOld_ ? old : "";
+        if (value != nullptr) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    ~ScopedEnv() {
+        if (hadOld_) {
+            setenv(name_, old_.c_str(), 1);
+        } else {
+            unsetenv(name_);
+        }
+    }
+
+  private:
+    const char* name_;
+    bool hadOld_;
+    std::string old_;
+};
+
+bool keyOpensWith(const std::string& keyPem, const std::string& password) {
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size())), &BIO_free);
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, const_cast<char*>(password.c_str())),
+        &EVP_PKEY_free);
+    return key != nullptr;
+}
+
+void collectCommand(void* registry, const ZelKorvaneCommand* command) {
+    auto* commands = static_cast<std::vector<std::pair<std::string, ZelKorvaneCommand>>*>(registry);
+    commands->emplace_back(command->name, *command);
+}
+
+void collectOutput(void* writeContext, const char* json) {
+    *static_cast<std::string*>(writeContext) = json;
+}
+
+class KorvanePluginTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(std::filesystem::exists(kSample)) << "build the zel_korvane_sample target";
+        ASSERT_TRUE(std::filesystem::exists(kSampleWithoutCommands));
+    }
+};
+
+TEST_F(KorvanePluginTest, ProcessPluginComesFromTheOverride) {
+    EXPECT_EQ(kSample, KorvanePlugin::LibraryPath());
+    {
+        ScopedEnv unset("ZEL_KORVANE_PLUGIN", nullptr);
+        EXPECT_EQ("/usr/local/lib/libzel_korvane.so", KorvanePlugin::LibraryPath());
+    }
+    KorvanePlugin& plugin = KorvanePlugin::Instance();
+    EXPECT_EQ(&plugin, &KorvanePlugin::Instance());
+    ASSERT_TRUE(plugin.isLoaded());
+    EXPECT_NE(nullptr, plugin.createDeviceValuesExt);
+    EXPECT_NE(nullptr, plugin.getZelPasswordExt);
+    EXPECT_NE(nullptr, plugin.createCommandsExt);
+    EXPECT_NE(nullptr, plugin.fillVideoBufferExt);
+    EXPECT_NE(nullptr, plugin.getGstreamerPathExt);
+    EXPECT_NE(nullptr, plugin.getVideoWidthExt);
+    EXPECT_NE(nullptr, plugin.getVideoHeightExt);
+    EXPECT_NE(nullptr, plugin.initializeExt);
+}
+
+TEST_F(KorvanePluginTest, PluginPasswordOpensTheDeviceKey) {
+    TempDir pki;
+    const std::string script = std::string(ZEL_SOURCE_DIR) + "/tools/pki/make-pki.sh";
+    ASSERT_EQ(0, std::system(("bash '" + script + "' '" + pki.path() +
+                              "' zel.localhost:18443 >/dev/null 2>&1")
+                                 .c_str()));
+    Json::Value document = parse(ZelTest::ReadFile(pki.file("identity.json")));
+    const std::string passPhrase = document["password"].asString();
+    ASSERT_FALSE(passPhrase.empty());
+    document.removeMember("password");
+
+    {
+        ScopedEnv password("ZEL_KORVANE_SAMPLE_PASSWORD", passPhrase.c_str());
+        ProductIdentity identity(compact(document).c_str());
+        ASSERT_TRUE(identity.isValid());
+        EXPECT_EQ(passPhrase, identity.getPassword());
+        EXPECT_TRUE(keyOpensWith(identity.getKey(), identity.getPassword()));
+
+        // The document's own pass phrase wins over the plug-in's.
+        document["password"] = "from-document";
+        ProductIdentity overridden(compact(document).c_str());
+        EXPECT_EQ("from-document", overridden.getPassword());
+        EXPECT_FALSE(keyOpensWith(overridden.getKey(), overridden.getPassword()));
+        document.removeMember("password");
+    }
+    {
+        ScopedEnv password("ZEL_KORVANE_SAMPLE_PASSWORD", "wrong");
+        ProductIdentity identity(compact(document).c_str());
+        EXPECT_EQ("wrong", identity.getPassword());
+        EXPECT_FALSE(keyOpensWith(identity.getKey(), identity.getPassword()));
+    }
+}
+
+TEST_F(KorvanePluginTest, SamplePasswordCanComeFromFileBesideTheLibrary) {
+    TempDir dir;
+    const std::string copy = dir.file("libzel_korvane_copy.so");
+    std::filesystem::copy_file(kSample, copy);
+    ZelTest::WriteFile(copy + ".pass", "from-file\n");
+    ScopedEnv unset("ZEL_KORVANE_SAMPLE_PASSWORD", nullptr);
+    KorvanePlugin plugin(copy);
+    std::string password;
+    EXPECT_TRUE(plugin.getZelPassword(password));
+    EXPECT_EQ("from-file", password);
+}
+
+TEST_F(KorvanePluginTest, DeviceValuesComeFromPluginUnlessTheDocumentHasThem) {
+    DeviceValues fromPlugin("{}", nullptr);
+    EXPECT_EQ("KorvaneSample", fromPlugin.getModel());
+    EXPECT_EQ("KS-1", fromPlugin.getSubModel());
+    EXPECT_EQ("Korvane", fromPlugin.getBrand());
+    // "initialize" ran before the values were asked for.
+    EXPECT_EQ("KorvaneOS", fromPlugin.getPlatform());
+    EXPECT_FALSE(fromPlugin.getId().empty());
+
+    DeviceValues fromDocument(R"({"model": "doc-model", "id": "doc-id"})", nullptr);
+    EXPECT_EQ("doc-model", fromDocument.getModel());
+    EXPECT_EQ("doc-id", fromDocument.getId());
+    EXPECT_EQ("Korvane", fromDocument.getBrand());
+}
+
+TEST_F(KorvanePluginTest, CommandsAndVideoEntryPointsWork) {
+    KorvanePlugin& plugin = KorvanePlugin::Instance();
+    ASSERT_NE(nullptr, plugin.createCommandsExt);
+    std::vector<std::pair<std::string, ZelKorvaneCommand>> commands;
+    plugin.createCommandsExt(&collectCommand, &commands);
+    ASSERT_EQ(2u, commands.size());
+    EXPECT_EQ("FFFFFF_LIVE_SUPPORT_CHECK_FOR_UPDATES", commands[0].first);
+    EXPECT_EQ("KORVANE_SAMPLE_ECHO", commands[1].first);
+
+    const ZelKorvaneCommand& echo = commands[1].second;
+    std::string output;
+    EXPECT_EQ(0u, echo.handler(echo.context, ZEL_KORVANE_OPERATION_EXECUTE, "{\"a\": [1, 2]}",
+                               &collectOutput, &output));
+    EXPECT_EQ(parse("{\"ECHO\": {\"a\": [1, 2]}}"), parse(output));
+    EXPECT_EQ(
+        4u, echo.handler(echo.context, ZEL_KORVANE_OPERATION_GET, "null", &collectOutput, &output));
+
+    uint32_t visibleWidth = 0;
+    uint32_t visibleHeight = 0;
+    const uint32_t width = plugin.getVideoWidthExt(&visibleWidth);
+    const uint32_t height = plugin.getVideoHeightExt(&visibleHeight);
+    EXPECT_EQ(320u, width);
+    EXPECT_EQ(300u, visibleWidth);
+    EXPECT_EQ(180u, height);
+    EXPECT_EQ(180u, visibleHeight);
+    std::vector<uint8_t> frame(width * height * 4);
+    EXPECT_EQ(
+        static_cast<int32_t>(frame.size()),
+        plugin.fillVideoBufferExt(frame.data(), frame.size(), ZEL_KORVANE_LAYER_GRAPHICS_VIDEO));
+    EXPECT_EQ(255, frame[3]);
+    EXPECT_GT(0, plugin.fillVideoBufferExt(frame.data(), frame.size() - 1,
+                                           ZEL_KORVANE_LAYER_GRAPHICS_VIDEO));
+    EXPECT_NE(nullptr, plugin.getGstreamerPathExt());
+}
+
+TEST_F(KorvanePluginTest, MissingEntryPointIsLoggedAndSurvived) {
+    LogCapture capture;
+    KorvanePlugin plugin(kSampleWithoutCommands);
+    ASSERT_TRUE(plugin.isLoaded());
+    EXPECT_EQ(nullptr, plugin.createCommandsExt);
+    EXPECT_NE(nullptr, plugin.createDeviceValuesExt);
+    EXPECT_NE(nullptr, plugin.getZelPasswordExt);
+    EXPECT_NE(nullptr, plugin.fillVideoBufferExt);
+    EXPECT_NE(nullptr, plugin.initializeExt);
+    const std::vector<std::string> expected = {"createCommandsExt null : "};
+    EXPECT_EQ(expected, capture.messages());
+}
+
+TEST_F(KorvanePluginTest, MissingOrBrokenLibraryLeavesNoEntryPoints) {
+    LogCapture capture;
+    {
+        KorvanePlugin plugin("/nonexistent/dir/libzel_korvane.so");
+        EXPECT_FALSE(plugin.isLoaded());
+        EXPECT_EQ(nullptr, plugin.getZelPasswordExt);
+        EXPECT_EQ(nullptr, plugin.initializeExt);
+        std::string password = "unchanged";
+        EXPECT_FALSE(plugin.getZelPassword(password));
+        EXPECT_EQ("unchanged", password);
+    }
+    EXPECT_TRUE(capture.contains("no /nonexistent/dir/libzel_korvane.so"));
+
+    TempDir dir;
+    ZelTest::WriteFile(dir.file("libbroken.so"), "not an ELF file");
+    KorvanePlugin broken(dir.file("libbroken.so"));
+    EXPECT_FALSE(broken.isLoaded());
+    EXPECT_EQ(nullptr, broken.createDeviceValuesExt);
+    bool logged = false;
+    for (const std::string& line : capture.messages()) {
+        logged = logged || line.rfind("can't dlopen : " + dir.file("libbroken.so"), 0) == 0;
+    }
+    EXPECT_TRUE(logged);
+}
+
+}  // namespace
