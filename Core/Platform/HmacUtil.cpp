@@ -1,0 +1,39 @@
+#include "Core/Platform/HmacUtil.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+
+#include "Core/Platform/Logger.h"
+
+namespace {
+constexpr const char* kLogSource = "Platform/HmacUtil";
+}  // namespace
+
+namespace Zel {
+namespace Core {
+
+bool HmacUtil::GetHmacSha256(std::vector<unsigned char> key, const std::string& data,
+                             std::string& out) {
+    out.clear();
+    // An empty key is a valid HMAC key, but the MAC refuses a null pointer for it.
+    static const unsigned char kNoKey = 0;
+    const unsigned char* keyBytes = key.empty() ? &kNoKey : key.data();
+    unsigned char mac[EVP_MAX_MD_SIZE];
+    size_t macLen = 0;
+    if (EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr, keyBytes, key.size(),
+                  reinterpret_cast<const unsigned char*>(data.data()), data.size(), mac, sizeof mac,
+                  &macLen) == nullptr) {
+        char text[256];
+        ERR_error_string_n(ERR_get_error(), text, sizeof text);
+        ERR_clear_error();
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", text);
+        return false;
+    }
+    unsigned char encoded[4 * ((EVP_MAX_MD_SIZE + 2) / 3) + 1];
+    int encodedLen = EVP_EncodeBlock(encoded, mac, static_cast<int>(macLen));
+    out.assign(reinterpret_cast<const char*>(encoded), static_cast<size_t>(encodedLen));
+    return true;
+}
+
+}  // namespace Core
+}  // namespace Zel

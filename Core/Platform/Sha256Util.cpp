@@ -1,0 +1,36 @@
+#include "Core/Platform/Sha256Util.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+
+#include "Core/Platform/Logger.h"
+
+namespace {
+constexpr const char* kLogSource = "Platform/Sha256Util";
+}  // namespace
+
+namespace Zel {
+namespace Core {
+
+bool Sha256Util::Hash(const std::string& in, std::string& out) {
+    out.clear();
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned digestLen = 0;
+    if (EVP_Digest(in.data(), in.size(), digest, &digestLen, EVP_sha256(), nullptr) != 1) {
+        char text[256];
+        ERR_error_string_n(ERR_get_error(), text, sizeof text);
+        ERR_clear_error();
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", text);
+        return false;
+    }
+    static const char kHex[] = "0123456789abcdef";
+    out.reserve(digestLen * 2);
+    for (unsigned i = 0; i < digestLen; ++i) {
+        out.push_back(kHex[digest[i] >> 4]);
+        out.push_back(kHex[digest[i] & 0x0f]);
+    }
+    return true;
+}
+
+}  // namespace Core
+}  // namespace Zel

@@ -1,0 +1,59 @@
+#include "Core/Platform/StringSetUtil.h"
+
+#include <gtest/gtest.h>
+
+using Zel::Core::StringSetUtil;
+using Set = std::set<std::string>;
+
+TEST(StringSetUtilTest, CsvBothWays) {
+    EXPECT_EQ("", StringSetUtil::StringSetToCsvString(Set{}));
+    EXPECT_EQ("a", StringSetUtil::StringSetToCsvString(Set{"a"}));
+    EXPECT_EQ("a,b,c", StringSetUtil::StringSetToCsvString(Set{"c", "a", "b"}));
+
+    Set set{"stale"};
+    StringSetUtil::CsvStringToStringSet("", set);
+    EXPECT_TRUE(set.empty());
+    StringSetUtil::CsvStringToStringSet("b,a,b", set);
+    EXPECT_EQ((Set{"a", "b"}), set);
+    StringSetUtil::CsvStringToStringSet(" reboot , key press,,\tinfo\t,", set);
+    EXPECT_EQ((Set{"reboot", "key press", "info"}), set);
+    StringSetUtil::CsvStringToStringSet(" , ", set);
+    EXPECT_TRUE(set.empty());
+
+    Set round{"x", "y z", "w"};
+    StringSetUtil::CsvStringToStringSet(StringSetUtil::StringSetToCsvString(round), set);
+    EXPECT_EQ(round, set);
+}
+
+TEST(StringSetUtilTest, JsonBothWays) {
+    Json::Value empty = StringSetUtil::StringSetToJsonArray(Set{});
+    EXPECT_TRUE(empty.isArray());
+    EXPECT_EQ(0u, empty.size());
+
+    Json::Value array = StringSetUtil::StringSetToJsonArray(Set{"b", "a"});
+    ASSERT_EQ(2u, array.size());
+    EXPECT_EQ("a", array[0].asString());
+    EXPECT_EQ("b", array[1].asString());
+
+    Json::Value mixed(Json::arrayValue);
+    mixed.append("one");
+    mixed.append(2);
+    mixed.append(Json::Value(Json::nullValue));
+    mixed.append("one");
+    mixed.append(Json::Value(Json::objectValue));
+    mixed.append("three");
+    Set set{"stale"};
+    StringSetUtil::JsonArrayToStringSet(mixed, set);
+    EXPECT_EQ((Set{"one", "three"}), set);
+
+    StringSetUtil::JsonArrayToStringSet(Json::Value("not an array"), set);
+    EXPECT_TRUE(set.empty());
+}
+
+TEST(StringSetUtilTest, Intersection) {
+    EXPECT_FALSE(StringSetUtil::HasIntersection(Set{}, Set{}));
+    EXPECT_FALSE(StringSetUtil::HasIntersection(Set{"a"}, Set{}));
+    EXPECT_FALSE(StringSetUtil::HasIntersection(Set{"a", "b"}, Set{"c", "A"}));
+    EXPECT_TRUE(StringSetUtil::HasIntersection(Set{"a", "b", "c"}, Set{"c"}));
+    EXPECT_TRUE(StringSetUtil::HasIntersection(Set{"c"}, Set{"a", "b", "c"}));
+}
