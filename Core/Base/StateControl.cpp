@@ -1,0 +1,231 @@
+// CoreManager's StateControl thread: when the next "da" call is due, and
+// the loop that makes it.
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <sstream>
+
+#include "Core/Base/CoreConfig.h"
+#include "Core/Base/CoreManager.h"
+#include "Core/Base/PersistentValues.h"
+#include "Core/Base/ServiceManager.h"
+#include "Core/Platform/FileUtil.h"
+#include "Core/Platform/Logger.h"
+#include "Core/Platform/TimeManager.h"
+
+namespace Zel {
+namespace Core {
+
+namespace {
+constexpr const char* kLogSource = "Base/CoreManager";
+constexpr const char* kTimerBaseName = "daTime";
+
+timespec wallClock() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now;
+}
+
+bool later(const timespec& a, const timespec& b) {
+    return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
+}
+
+// Milliseconds from `from` to `to`, 0 when `to` is not later.
+long long millisUntil(const timespec& from, const timespec& to) {
+    if (!later(to, from)) {
+        return 0;
+    }
+    return (static_cast<long long>(to.tv_sec) - from.tv_sec) * 1000 +
+           (to.tv_nsec - from.tv_nsec) / 1000000;
+}
+}  // namespace
+
+void CoreManager::evaluateStateChanges() {
+    if (!volatile_ || !persistent_) {
+        return;
+    }
+    VolatileValues& values = *volatile_;
+    PersistentValues& persistent = *persistent_;
+    bool recompute = false;
+
+    if (state_ == Initialized && !values.busy) {
+        MicroService previous = values.nextDws;
+        if (persistent.getSynchronized() &&
+            persistent.getDaConsentState() != ConsentStateCompleted) {
+            values.nextDws = CheckForNotification;
+            values.badSynchs = 0;
+        } else {
+            values.nextDws = SynchronizeCoreState;
+            if (persistent.getGidToken().empty()) {
+                if (persistent.getBackupToken().empty()) {
+                    values.nextDws = GetDeviceIdentity;
+                    values.badSynchs = 0;
+                } else {
+                    ZEL_LOG(ServiceCore, CategoryState, SeverityError, "Token Recovery Activated");
+                    persistent.setGidToken(persistent.getBackupToken());
+                }
+            }
+            if (values.nextDws == SynchronizeCoreState && values.badSynchs >= 3) {
+                ZEL_LOG(ServiceCore, CategoryState, SeverityInfo,
+                        "Too many SynchronizeCoreState calls in a row, delaying");
+                values.badSynchs = 0;
+                values.retry = true;
+            }
+        }
+        if (values.evaluate) {
+            values.evaluate = false;
+            recompute = true;
+        } else if (values.nextDws != previous) {
+            ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "StateControl delay being reset");
+            stateSem_->reset();
+            recompute = true;
+        }
+    }
+    if (recompute) {
+        schedule(wallClock());
+    }
+
+    bool consentUrlChanged = persistent.testDaConsentUrl();
+    bool consentStateChanged = persistent.testDaConsentState();
+    if (consentUrlChanged || consentStateChanged) {
+        signalStatusChange();
+    }
+    for (ServiceManager* manager : managers_) {
+        manager->cascadeStateChanges();
+    }
+    // After a factory reset has dropped the files nothing may write them again.
+    if (!persistent.isPersisted() && state_ != FactoryResetting) {
+        logStateInfo();
+        persistent.store();
+    }
+    logStateDebug();
+}
+
+void CoreManager::schedule(const timespec& now) {
+    VolatileValues& values = *volatile_;
+    PersistentValues& persistent = *persistent_;
+    TimeManager& time = TimeManager::Instance();
+    if (state_ != FactoryResetting) {
+        writeTimerFile();
+    }
+    if (values.retry) {
+        values.retry = false;
+        time.updateTimestamp(values.lastCall, values.nextCall, persistent.getDaRetryDelayFixedMs(),
+                             persistent.getDaRetryDelayVariedMs());
+    } else if (values.nextDws != CheckForNotification) {
+        values.nextCall = now;
+    } else if (values.startupDelay) {
+        values.startupDelay = false;
+        time.updateTimestamp(values.lastCall, values.nextCall, persistent.getDaPollDelayFixedMs(),
+                             persistent.getDaPollDelayVariedMs());
+        if (now.tv_sec <= values.nextCall.tv_sec) {
+            ZEL_LOG(ServiceCore, CategoryState, SeverityDebug,
+                    "Using standard delay on core startup");
+        } else {
+            ZEL_LOG(ServiceCore, CategoryState, SeverityDebug,
+                    "Using startup delay on core startup");
+            values.lastCall = now;
+            time.updateTimestamp(now, values.nextCall, persistent.getDaStartupDelayFixedMs(),
+                                 persistent.getDaStartupDelayVariedMs());
+        }
+    } else {
+        time.updateTimestamp(values.lastCall, values.nextCall, persistent.getDaPollDelayFixedMs(),
+                             persistent.getDaPollDelayVariedMs());
+    }
+}
+
+void CoreManager::writeTimerFile() const {
+    Json::Value timer;
+    timer["sec"] = static_cast<Json::Int64>(volatile_->lastCall.tv_sec);
+    timer["nsec"] = static_cast<Json::Int64>(volatile_->lastCall.tv_nsec);
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    FileUtil::Store(config_->getPersistentPath(), kTimerBaseName, Json::writeString(writer, timer));
+}
+
+void CoreManager::readTimerFile() {
+    std::string content;
+    if (!FileUtil::Load(config_->getPersistentPath(), kTimerBaseName, content)) {
+        return;
+    }
+    std::string name = config_->getPersistentPath() + kTimerBaseName;
+    Json::Value timer;
+    Json::CharReaderBuilder reader;
+    std::string errors;
+    std::istringstream stream(content);
+    if (!Json::parseFromStream(reader, stream, &timer, &errors) || !timer.isObject() ||
+        !timer["sec"].isIntegral() || !timer["nsec"].isIntegral()) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "Problem JSON parsing %s", name.c_str());
+        return;
+    }
+    timespec stored{static_cast<time_t>(timer["sec"].asInt64()),
+                    static_cast<long>(timer["nsec"].asInt64())};
+    if (later(stored, wallClock())) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError,
+                "Problem reading %s, lastCall is in the future. Defaulting to clock start as "
+                "reference.",
+                name.c_str());
+        return;
+    }
+    volatile_->lastCall = stored;
+}
+
+void* CoreManager::StateControl(void* self) {
+    static_cast<CoreManager*>(self)->stateControl();
+    return nullptr;
+}
+
+void CoreManager::stateControl() {
+    ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "StateControl started");
+    // One request object for the thread's life keeps its connection open
+    // between calls.
+    Http::Request request;
+    request.reusable = true;
+    LockMutex lock(CoreMutex());
+    for (;;) {
+        bool due = false;
+        while (!terminatingOrResetting() && !due) {
+            timespec now = wallClock();
+            if (!later(volatile_->nextCall, now)) {
+                due = true;
+                break;
+            }
+            long long wait = millisUntil(now, volatile_->nextCall);
+            ZEL_LOG(ServiceCore, CategoryState, SeverityInfo,
+                    "StateControl delaying %i.%03i seconds before running %s",
+                    static_cast<int>(wait / 1000), static_cast<int>(wait % 1000),
+                    MicroServiceToString(volatile_->nextDws));
+            if (stateSem_->wait(&volatile_->nextCall) == 0) {
+                ZEL_LOG(ServiceCore, CategoryState, SeverityDebug,
+                        "StateControl delay was previously reset");
+                continue;
+            }
+            due = true;
+        }
+        if (terminatingOrResetting()) {
+            break;
+        }
+        MicroService service = volatile_->nextDws;
+        ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "StateControl calling %s",
+                MicroServiceToString(service));
+        volatile_->busy = true;
+        volatile_->lastCall = wallClock();
+        prepMicroService(service, request);
+        Http::Response response;
+        bool performed;
+        {
+            UnlockMutex unlocked(CoreMutex());
+            performed = Http::Perform(request, response);
+        }
+        if (terminatingOrResetting()) {
+            break;
+        }
+        postMicroService(service, performed, response);
+    }
+    ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "StateControl terminated");
+    UnlockMutex unlocked(CoreMutex());
+    Http::Cleanup(request);
+}
+
+}  // namespace Core
+}  // namespace Zel

@@ -1,0 +1,151 @@
+// The library's C entry points. Each checks its arguments, then hands over to
+// the core; none of them lets an exception reach the host.
+#include <cstdarg>
+#include <string>
+
+#include "Core/Base/CoreManager.h"
+#include "Core/Platform/FunctionTrace.h"
+#include "Core/Platform/Logger.h"
+#include "Core/Platform/StringUtil.h"
+#include "zel.h"
+
+using Zel::Core::CoreManager;
+using namespace Zel::Core;
+
+namespace {
+constexpr const char* kLogSource = "Base/ZelCore";
+
+// The host's thread must never see an exception; a failure we did not foresee
+// is reported as a bad argument.
+template <typename Body>
+ZelResult guarded(Body body) {
+    try {
+        return body();
+    } catch (...) {
+        return ZelResultBadArgument;
+    }
+}
+
+ZelResult badArgument(const char* message) {
+    ZEL_LOG(ServiceCore, CategoryClibapi, SeverityError, "%s", message);
+    return ZelResultBadArgument;
+}
+
+void called(const char* function) {
+    ZEL_LOG(ServiceCore, CategoryClibapi, SeverityInfo, "%s() called", function);
+}
+}  // namespace
+
+extern "C" {
+
+ZEL_API ZelResult ZelInit(const char* identity, const char* config, const char* device) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        if (identity == nullptr) {
+            return badArgument("ZelInit() called with bad identity value");
+        }
+        if (config == nullptr) {
+            return badArgument("ZelInit() called with bad config value");
+        }
+        if (device == nullptr) {
+            return badArgument("ZelInit() called with bad device value");
+        }
+        called("ZelInit");
+        return CoreManager::Instance().initialize(identity, config, device);
+    });
+}
+
+ZEL_API ZelResult ZelTerm(void) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        called("ZelTerm");
+        return CoreManager::Instance().terminate(false);
+    });
+}
+
+ZEL_API ZelResult ZelFactoryReset(void) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        called("ZelFactoryReset");
+        return CoreManager::Instance().terminate(true);
+    });
+}
+
+ZEL_API ZelResult ZelFactoryResetOffline(const char* config) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        if (config == nullptr) {
+            return badArgument("ZelFactoryResetOffline() called with bad config value");
+        }
+        called("ZelFactoryResetOffline");
+        return CoreManager::Instance().factoryResetOffline(config);
+    });
+}
+
+ZEL_API ZelResult ZelEnableTestMode(void) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        called("ZelEnableTestMode");
+        return CoreManager::Instance().enableTestMode();
+    });
+}
+
+ZEL_API ZelResult ZelSetOemMsg(const char* msg) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        if (msg == nullptr) {
+            return badArgument("ZelSetOemMsg() called with bad msg value");
+        }
+        called("ZelSetOemMsg");
+        return CoreManager::Instance().setOemMsg(msg);
+    });
+}
+
+ZEL_API ZelResult ZelGetStatus(ZelStatusMethod method, ZelStatus* status) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        if (method > ZelStatusMethodWaitForChange) {
+            return badArgument("ZelGetStatus() called with bad method value");
+        }
+        if (status == nullptr) {
+            return badArgument("ZelGetStatus() called with bad status value");
+        }
+        called("ZelGetStatus");
+        return CoreManager::Instance().getStatus(method, status);
+    });
+}
+
+ZEL_API ZelResult ZelFreeStatus(ZelStatus* status) {
+    return guarded([&] {
+        ZEL_TRACE(ServiceCore);
+        if (status == nullptr) {
+            return badArgument("ZelFreeStatus() called with bad status value");
+        }
+        called("ZelFreeStatus");
+        return CoreManager::Instance().freeStatus(status);
+    });
+}
+
+ZEL_API ZelResult ZelLogMessage(uint32_t severity, const char* format, ...) {
+    if (severity > 5) {
+        return badArgument("ZelLogMessage() called with bad severity value");
+    }
+    if (format == nullptr) {
+        return badArgument("ZelLogMessage() called with bad format value");
+    }
+    // Logged at the most verbose level so that host logging does not double our volume.
+    ZEL_LOG(ServiceCore, CategoryClibapi, SeverityTrace, "ZelLogMessage() called");
+    std::string text;
+    va_list args;
+    va_start(args, format);
+    try {
+        text = StringUtil::Vform(format, args);
+    } catch (...) {
+        va_end(args);
+        return ZelResultBadArgument;
+    }
+    va_end(args);
+    return guarded([&] { return CoreManager::Instance().supervisorLog(6 - severity, text); });
+}
+
+}  // extern "C"

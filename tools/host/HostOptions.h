@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+// What zel-host was asked to do, from its command line.
+struct HostOptions {
+    std::string identityFile;
+    std::string configFile;
+    std::string deviceFile;
+    unsigned durationSeconds = 0;  // 0: run until Ctrl-C or SIGTERM
+    bool testMode = false;
+    bool hasOemMsg = false;
+    std::string oemMsg;
+};
+
+// False (after printing why) when the command line cannot be used.
+bool ParseHostOptions(int argc, char** argv, HostOptions& options);
+
+// The whole content of a file; false when it cannot be read.
+bool ReadTextFile(const std::string& path, std::string& content);

@@ -1,0 +1,95 @@
+// zel-host: a stand-in for the television's firmware. It starts the agent
+// from three documents on disk, prints every status change, and on Ctrl-C,
+// SIGTERM or the end of --duration stops the agent and waits for it.
+#include <signal.h>
+#include <time.h>
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "HostOptions.h"
+#include "StatusPrinter.h"
+#include "zel.h"
+
+namespace {
+
+// Waits for a stop signal (or the run's duration) and asks the agent to stop.
+void awaitStop(const sigset_t& signals, unsigned durationSeconds, std::atomic<bool>& stopping) {
+    int signal;
+    if (durationSeconds > 0) {
+        timespec timeout{static_cast<time_t>(durationSeconds), 0};
+        signal = sigtimedwait(&signals, nullptr, &timeout);
+    } else {
+        sigwait(&signals, &signal);
+    }
+    if (signal > 0) {
+        std::printf("zel-host: signal %d, stopping the agent\n", signal);
+    } else {
+        std::printf("zel-host: %u seconds are up, stopping the agent\n", durationSeconds);
+    }
+    std::fflush(stdout);
+    stopping = true;
+    ZelResult result = ZelTerm();
+    if (result != ZelResultSuccess) {
+        std::printf("zel-host: ZelTerm returned %u\n", result);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    HostOptions options;
+    if (!ParseHostOptions(argc, argv, options)) {
+        return 2;
+    }
+    std::string identity, config, device;
+    if (!ReadTextFile(options.identityFile, identity) || !ReadTextFile(options.configFile, config) ||
+        !ReadTextFile(options.deviceFile, device)) {
+        return 2;
+    }
+
+    // Only the stopping thread takes the stop signals; block them before any
+    // thread, ours or the agent's, exists so that every thread inherits it.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    ZelResult result = ZelInit(identity.c_str(), config.c_str(), device.c_str());
+    if (result != ZelResultSuccess) {
+        std::fprintf(stderr, "zel-host: ZelInit returned %u\n", result);
+        return 1;
+    }
+    if (options.testMode) {
+        ZelEnableTestMode();
+    }
+    if (options.hasOemMsg) {
+        ZelSetOemMsg(options.oemMsg.c_str());
+    }
+
+    std::atomic<bool> stopping{false};
+    std::thread stopper(awaitStop, std::cref(signals), options.durationSeconds,
+                        std::ref(stopping));
+
+    StatusPrinter printer;
+    ZelStatus status{};
+    ZelGetStatus(ZelStatusMethodNow, &status);
+    printer.print(status);
+    ZelFreeStatus(&status);
+    for (;;) {
+        ZelGetStatus(ZelStatusMethodWaitForChange, &status);
+        printer.print(status);
+        bool stopped = stopping && status.state == DeviceAgentStateUninitialized;
+        ZelFreeStatus(&status);
+        if (stopped) {
+            break;
+        }
+    }
+    stopper.join();
+    std::printf("zel-host: agent stopped\n");
+    return 0;
+}
