@@ -63,6 +63,13 @@ bool TlsServer::bind(int port, const std::string& host) {
     if (!server_->is_valid()) {
         return fail("cannot create the TLS context");
     }
+    // httplib's default adds SO_REUSEPORT, with which a second server on a busy
+    // port binds quietly and takes some of the connections: a port in use must
+    // be an error.
+    server_->set_socket_options([](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    });
     if (port == 0) {
         port = server_->bind_to_any_port(host);
         if (port <= 0) {

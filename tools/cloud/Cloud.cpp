@@ -1,0 +1,265 @@
+#include "tools/cloud/Cloud.h"
+
+#include <json/writer.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+#include "tools/cloud/ControlServer.h"
+#include "tools/cloud/DaService.h"
+#include "tools/cloud/TlsServer.h"
+
+namespace ZelCloud {
+
+namespace {
+
+constexpr const char* kApiPrefix = "/api/v1/";
+constexpr const char* kNotJson = "this is not json";
+
+std::string Compact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+}  // namespace
+
+Cloud::Cloud(CloudOptions options) : options_(std::move(options)), server_(new TlsServer) {
+    log_.setQuiet(options_.quiet);
+    if (options_.settings.isObject()) {
+        settings_.merge(options_.settings);
+    }
+    registerServices();
+}
+
+Cloud::~Cloud() {
+    stop();
+}
+
+// Every micro-service the cloud offers, by name. A new service is one class and
+// one line here.
+void Cloud::registerServices() {
+    auto da = std::make_unique<DaService>(devices_, settings_);
+    da_ = da.get();
+    addService(std::move(da));
+}
+
+void Cloud::addService(std::unique_ptr<Service> service) {
+    std::string name = service->name();
+    services_[name] = std::move(service);
+}
+
+bool Cloud::bind() {
+    if (port_ != 0) {
+        return true;
+    }
+    if (!server_->bind(options_.port)) {
+        error_ = server_->error();
+        return false;
+    }
+    port_ = server_->port();
+    return true;
+}
+
+bool Cloud::start() {
+    if (!bind()) {
+        return false;
+    }
+    httplib::Server& http = server_->http();
+    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+        std::string host = req.get_header_value("Host");
+        Answer answer = serve(req.method, req.path, host, TlsServer::ClientCommonName(req),
+                              req.get_header_value("Authorization"), req.body);
+        if (answer.drop) {
+            // No answer at all: the client sees the connection end.
+            if (req.ssl != nullptr) {
+                shutdown(SSL_get_fd(req.ssl), SHUT_RDWR);
+            }
+            return;
+        }
+        res.status = answer.status;
+        res.set_content(answer.body, "application/json");
+    };
+    http.Post(".*", handler);
+    http.Get(".*", handler);
+    http.Put(".*", handler);
+    http.Delete(".*", handler);
+
+    TlsServer::Config config;
+    const std::string& dir = options_.pkiDir;
+    config.certFile = dir + "/server.crt";
+    config.keyFile = dir + "/server.key";
+    config.chainFile = dir + "/ca.crt";
+    config.clientCaFile = dir + "/ca.crt";
+    config.ocspFile = dir + "/server.ocsp.der";
+    if (!server_->start(config)) {
+        error_ = server_->error();
+        return false;
+    }
+    if (options_.controlPort >= 0) {
+        control_ = std::make_unique<ControlServer>(*this);
+        if (!control_->start(options_.controlPort)) {
+            error_ = "cannot bind the control port " + std::to_string(options_.controlPort);
+            stop();
+            return false;
+        }
+    }
+    return true;
+}
+
+void Cloud::stop() {
+    {
+        std::lock_guard<std::mutex> lock(stopMutex_);
+        stopping_ = true;
+    }
+    stopped_.notify_all();
+    server_->stop();
+    if (control_) {
+        control_->stop();
+    }
+}
+
+int Cloud::controlPort() const {
+    return control_ ? control_->port() : -1;
+}
+
+bool Cloud::pause(long delayMs) {
+    std::unique_lock<std::mutex> lock(stopMutex_);
+    return !stopped_.wait_for(lock, std::chrono::milliseconds(delayMs),
+                              [this] { return stopping_; });
+}
+
+Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
+                           const std::string& host, const std::string& cn,
+                           const std::string& authorization, const std::string& body) {
+    RecordedRequest record;
+    record.time = std::chrono::system_clock::now();
+    record.method = method;
+    record.path = path;
+    record.host = host;
+    record.cn = cn;
+    record.authorization = authorization;
+    record.body = body;
+
+    log_.begin();
+    Answer answer;
+    FaultPlan::Action fault = faults_.take(path);
+    if (fault.delayMs > 0 && !pause(fault.delayMs)) {
+        // Stopping: give up the call rather than hold up the shut-down.
+        answer.drop = true;
+        record.status = 0;
+        record.note = fault.describe() + ", cut short by stop";
+        log_.add(record);
+        return answer;
+    }
+    if (fault.drop || fault.status != 0 || fault.badJson) {
+        record.note = fault.describe();
+        if (fault.drop) {
+            answer.drop = true;
+        } else if (fault.status != 0) {
+            answer.status = fault.status;
+            answer.body = "{}";
+        } else {
+            answer.status = 200;
+            answer.body = kNotJson;
+        }
+        record.status = answer.drop ? 0 : answer.status;
+        log_.add(record);
+        return answer;
+    }
+
+    ServiceResponse response;
+    std::string prefix(kApiPrefix);
+    auto service = services_.end();
+    std::string rest;
+    if (path.compare(0, prefix.size(), prefix) == 0) {
+        rest = path.substr(prefix.size());
+        size_t slash = rest.find('/');
+        if (slash != std::string::npos) {
+            service = services_.find(rest.substr(0, slash));
+            rest = rest.substr(slash + 1);
+        }
+    }
+    if (service == services_.end()) {
+        response.status = 404;
+        response.body["error"] = "no such service";
+        response.note = "no such service";
+    } else {
+        ServiceRequest request{method, rest, cn, authorization, body};
+        service->second->handle(request, response);
+    }
+    answer.status = response.status;
+    answer.body = Compact(response.body);
+    record.status = response.status;
+    record.note = fault.delayMs > 0 ? fault.describe() + ", " + response.note : response.note;
+    log_.add(record);
+    return answer;
+}
+
+void Cloud::queueEvent(const std::string& event, const Json::Value& parameters,
+                       std::optional<uint32_t> id, const std::string& device) {
+    devices_.queueEvent(device, event, id, parameters);
+}
+
+bool Cloud::queueEvent(const Json::Value& fields, std::string& error) {
+    if (!fields.isObject() || !fields["event"].isString() || fields["event"].asString().empty()) {
+        error = "an event needs a non-empty \"event\"";
+        return false;
+    }
+    if (!fields["device"].isNull() && !fields["device"].isString()) {
+        error = "\"device\" must be a string";
+        return false;
+    }
+    std::optional<uint32_t> id;
+    if (!fields["id"].isNull()) {
+        if (!fields["id"].isUInt()) {
+            error = "\"id\" must be an unsigned integer";
+            return false;
+        }
+        id = fields["id"].asUInt();
+    }
+    queueEvent(fields["event"].asString(), fields["parameters"], id, fields["device"].asString());
+    return true;
+}
+
+void Cloud::setSettings(const Json::Value& keys) {
+    if (settings_.merge(keys)) {
+        // Devices learn settings from a state call, so make them ask.
+        devices_.desynchronize("");
+    }
+}
+
+Json::Value Cloud::settings() const {
+    return settings_.current();
+}
+
+void Cloud::addFault(const FaultPlan::Fault& fault) {
+    faults_.add(fault);
+}
+
+bool Cloud::addFault(const Json::Value& fields, std::string& error) {
+    return faults_.add(fields, error);
+}
+
+void Cloud::setUnsynchronized(unsigned count) {
+    da_->setUnsynchronized(count);
+}
+
+bool Cloud::desynchronize(const std::string& device) {
+    return devices_.desynchronize(device);
+}
+
+std::optional<DeviceRegistry::Device> Cloud::device(const std::string& cn) const {
+    return devices_.device(cn);
+}
+
+bool Cloud::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+    return log_.waitForRequests(count, timeout);
+}
+
+bool Cloud::waitFor(const RequestLog::Predicate& predicate,
+                    std::chrono::milliseconds timeout) const {
+    return log_.waitFor(predicate, timeout);
+}
+
+}  // namespace ZelCloud

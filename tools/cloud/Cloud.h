@@ -1,0 +1,125 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/cloud/CloudSettings.h"
+#include "tools/cloud/DeviceRegistry.h"
+#include "tools/cloud/FaultPlan.h"
+#include "tools/cloud/RecordedRequest.h"
+#include "tools/cloud/RequestLog.h"
+#include "tools/cloud/Service.h"
+
+namespace ZelCloud {
+
+class ControlServer;
+class DaService;
+class TlsServer;
+
+struct CloudOptions {
+    std::string pkiDir;    // output of make-pki.sh: server.crt, server.key, ca.crt, server.ocsp.der
+    int port = 0;          // 0: any free port
+    int controlPort = -1;  // -1: no control interface, 0: any free port
+    bool quiet = false;    // no request lines on stdout
+    Json::Value settings;  // initial operator settings (an object, or null)
+};
+
+// A local stand-in for the maker's cloud: one TLS server on 127.0.0.1 that
+// serves every micro-service under "/api/v1/<service>/...", requires the device's
+// client certificate, records every request, and can be told to misbehave.
+class Cloud {
+public:
+    explicit Cloud(CloudOptions options);
+    ~Cloud();
+    Cloud(const Cloud&) = delete;
+    Cloud& operator=(const Cloud&) = delete;
+
+    // Opens the service port early, for when the port must be known before the
+    // certificates are made (it is part of the device certificate's name).
+    bool bind();
+    // Loads the certificates from the PKI directory, binds what is not yet bound
+    // and starts serving. False on failure, with the reason in error().
+    bool start();
+    // Stops promptly, cutting short any injected delay. Safe to call twice.
+    void stop();
+    int port() const { return port_; }
+    int controlPort() const;
+    const std::string& error() const { return error_; }
+
+    // The answer to one service request; what the transport sends back.
+    struct Answer {
+        int status = 200;
+        std::string body;
+        bool drop = false;  // close the connection without answering
+    };
+    // Serves one request as the TLS server's handler does: faults, dispatch, record.
+    Answer serve(const std::string& method, const std::string& path, const std::string& host,
+                 const std::string& cn, const std::string& authorization, const std::string& body);
+
+    // Control, in process; the control interface calls the same functions.
+    // An event for an empty device goes to whichever device synchronises next.
+    void queueEvent(const std::string& event, const Json::Value& parameters = Json::Value(),
+                    std::optional<uint32_t> id = std::nullopt, const std::string& device = "");
+    // {"device"?, "event", "id"?, "parameters"?}
+    bool queueEvent(const Json::Value& fields, std::string& error);
+    // Merges the keys into the settings handed out and asks every device to synchronise.
+    void setSettings(const Json::Value& keys);
+    Json::Value settings() const;
+    void addFault(const FaultPlan::Fault& fault);
+    // {"path", "status"? | "delayMs"? | "drop"? | "badJson"?, "count"?}
+    bool addFault(const Json::Value& fields, std::string& error);
+    void setUnsynchronized(unsigned count);
+    // An empty device marks every device. False when the device is unknown.
+    bool desynchronize(const std::string& device = "");
+
+    void clearFaults() { faults_.clear(); }
+
+    std::vector<RecordedRequest> requests() const { return log_.snapshot(); }
+    void clearRequests() { log_.clear(); }
+    Json::Value devices() const { return devices_.toJson(); }
+    std::optional<DeviceRegistry::Device> device(const std::string& cn) const;
+    void setQuiet(bool quiet) { log_.setQuiet(quiet); }
+
+    // Wait for traffic without sleeping: woken on every request recorded.
+    bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
+    bool waitFor(const RequestLog::Predicate& predicate, std::chrono::milliseconds timeout) const;
+    // Waits until count requests are being served at once (held by a delay, say).
+    bool waitForInFlight(size_t count, std::chrono::milliseconds timeout) const {
+        return log_.waitForInFlight(count, timeout);
+    }
+
+private:
+    void registerServices();
+    void addService(std::unique_ptr<Service> service);
+    // False when the cloud stops during the delay.
+    bool pause(long delayMs);
+
+    CloudOptions options_;
+    RequestLog log_;
+    FaultPlan faults_;
+    CloudSettings settings_;
+    DeviceRegistry devices_;
+    std::map<std::string, std::unique_ptr<Service>> services_;
+    DaService* da_ = nullptr;
+
+    std::unique_ptr<TlsServer> server_;
+    std::unique_ptr<ControlServer> control_;
+    int port_ = 0;
+    std::string error_;
+
+    std::mutex stopMutex_;
+    std::condition_variable stopped_;
+    bool stopping_ = false;
+};
+
+}  // namespace ZelCloud

@@ -1,0 +1,17 @@
+# The local cloud: a static library for in-process use by the tests, and the
+# zel-cloud command that serves it. Included from CMakeLists.txt beside it.
+add_library(zel_cloud STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/Cloud.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/CloudSettings.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ControlServer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DaService.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DeviceRegistry.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/FaultPlan.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RecordedRequest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RequestLog.cpp)
+target_include_directories(zel_cloud PUBLIC ${CMAKE_SOURCE_DIR})
+target_link_libraries(zel_cloud PUBLIC zel_tls_server PkgConfig::JSONCPP OpenSSL::Crypto
+  Threads::Threads)
+
+add_executable(zel-cloud ${CMAKE_CURRENT_LIST_DIR}/main.cpp)
+target_link_libraries(zel-cloud PRIVATE zel_cloud)
