@@ -1,0 +1,223 @@
+// Starting, stopping and restarting the agent against the local cloud, and
+// the events the cloud hands it.
+#include <gtest/gtest.h>
+#include <json/writer.h>
+
+#include <condition_variable>
+#include <ctime>
+#include <future>
+#include <mutex>
+
+#include "Core/Base/EventManager.h"
+#include "Core/Platform/FileUtil.h"
+#include "Core/Platform/Thread.h"
+#include "support/AgentLab.h"
+
+using ZelCloud::FaultPlan;
+using ZelTest::AgentLab;
+using Zel::Core::Event;
+using Zel::Core::EventManager;
+
+namespace {
+
+// Records the events a receiver is handed, for a test to wait on.
+class EventRecorder {
+public:
+    explicit EventRecorder(std::vector<std::string> names) : names_(std::move(names)) {
+        for (const std::string& name : names_) {
+            EventManager::Instance().setReceiver(name, [this](const Event& event) { add(event); });
+        }
+    }
+    ~EventRecorder() {
+        for (const std::string& name : names_) {
+            EventManager::Instance().clearReceiver(name);
+        }
+    }
+    bool waitFor(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, AgentLab::kPatience, [&] { return events_.size() >= count; });
+    }
+    std::vector<std::string> parameters() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<std::string> result;
+        for (const Event& event : events_) {
+            result.push_back(event.name + ":" + event.parameters);
+        }
+        return result;
+    }
+
+private:
+    void add(const Event& event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(event);
+        changed_.notify_all();
+    }
+
+    std::vector<std::string> names_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Event> events_;
+};
+
+void writeTimerFile(const std::string& dir, time_t seconds) {
+    Json::Value timer;
+    timer["sec"] = static_cast<Json::Int64>(seconds);
+    timer["nsec"] = 0;
+    Zel::Core::FileUtil::Drop(dir, "daTime");
+    Zel::Core::FileUtil::Store(dir, "daTime", Json::FastWriter().write(timer));
+}
+
+}  // namespace
+
+TEST(AgentLifecycle, TerminationDuringALongExchangeIsPromptAndLeavesNoThreadBehind) {
+    AgentLab lab;
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+    // The next poll hangs far longer than the agent's message time-out.
+    FaultPlan::Fault hang;
+    hang.path = "da/notification";
+    hang.kind = FaultPlan::Kind::Delay;
+    hang.delayMs = 600000;
+    lab.cloud().addFault(hang);
+    ASSERT_TRUE(lab.cloud().waitForInFlight(1, AgentLab::kPatience));
+
+    ASSERT_EQ(ZelResultSuccess, ZelTerm());
+    ASSERT_TRUE(lab.waitForState(DeviceAgentStateUninitialized));
+    EXPECT_TRUE(Zel::Core::ThreadUtil::WaitForNoLiveThreads(10000));
+    EXPECT_EQ(0u, Zel::Core::ThreadUtil::LiveThreads());
+    EXPECT_EQ(1u, lab.logCount("StateControl terminated"));
+    EXPECT_EQ(1u, lab.logCount("Performing Core cleanup"));
+}
+
+TEST(AgentLifecycle, CallsWhileStoppingAreBusyAndQueuedEventsAreAborted) {
+    AgentLab lab;
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    EventManager::Instance().setReceiver("hold", [&](const Event&) {
+        entered.set_value();
+        released.wait();
+    });
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+    lab.cloud().queueEvent("hold", Json::Value("h"), 41u);
+    lab.cloud().queueEvent("behind", Json::Value("b"), 42u);
+    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(AgentLab::kPatience));
+
+    // EventControl is held inside a receiver, so the shut-down cannot finish.
+    ASSERT_EQ(ZelResultSuccess, ZelTerm());
+    EXPECT_EQ(ZelResultBusy, ZelTerm());
+    EXPECT_EQ(ZelResultBusy, ZelFactoryReset());
+    EXPECT_EQ(ZelResultBusy,
+              ZelInit(lab.identity().c_str(), lab.config().c_str(), lab.device().c_str()));
+    EXPECT_EQ(ZelResultAlreadyInitialized, ZelFactoryResetOffline(lab.config().c_str()));
+    EXPECT_EQ(DeviceAgentStateTerminating, lab.state());
+    release.set_value();
+    ASSERT_TRUE(lab.waitForState(DeviceAgentStateUninitialized));
+    EventManager::Instance().clearReceiver("hold");
+    EXPECT_EQ(1u, lab.logCount("Aborting event=behind, id=42, parameters=b"));
+
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.term());
+}
+
+TEST(AgentLifecycle, EventsArriveInOrderAcrossAnswersAndUnknownOnesAreIgnored) {
+    AgentLab lab;
+    EventRecorder recorder({"first", "second"});
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+
+    lab.cloud().queueEvent("first", Json::Value("1"), 1u);
+    lab.cloud().queueEvent("mystery", Json::Value("?"), 2u);
+    lab.cloud().queueEvent("second", Json::Value("2"), 3u);
+    Json::Value structured;
+    structured["code"] = 7;
+    lab.cloud().queueEvent("first", structured, 4u);
+    ASSERT_TRUE(recorder.waitFor(3));
+    lab.cloud().queueEvent("second", Json::Value("5"), 5u);
+    lab.cloud().queueEvent("startsvsession", Json::Value("s"), 6u);
+    lab.cloud().queueEvent("first", Json::Value("7"), 7u);
+    ASSERT_TRUE(recorder.waitFor(5));
+    ASSERT_TRUE(lab.waitForLog("Suppressing event=startsvsession, id=6, parameters=s"));
+    ASSERT_TRUE(lab.term());
+
+    std::vector<std::string> expected = {"first:1", "second:2", "first:{\"code\":7}", "second:5",
+                                         "first:7"};
+    EXPECT_EQ(expected, recorder.parameters());
+    EXPECT_EQ(1u, lab.logCount("Ignoring event=mystery, id=2, parameters=?"));
+    // Each queued event leaves a structured record.
+    EXPECT_EQ(1u, lab.logCount(
+                      "{\"coreEventQueued\":{\"event\":\"mystery\",\"parameters\":\"?\"}}"));
+}
+
+TEST(AgentLifecycle, LostValuesFileRecoversTheTokenInsteadOfANewIdentity) {
+    AgentLab lab;
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+    ASSERT_TRUE(lab.term());
+    std::string token = lab.cloud().device(AgentLab::DeviceCn())->gidToken;
+
+    Zel::Core::FileUtil::Drop(lab.persistentDir(), "coreValues");
+    size_t before = lab.cloud().requests().size();
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 2));
+    ASSERT_TRUE(lab.term());
+
+    std::vector<ZelCloud::RecordedRequest> requests = lab.cloud().requests();
+    EXPECT_EQ(1u, lab.logCount("Token Recovery Activated"));
+    EXPECT_EQ(1u, lab.calls("da/gidtoken").size());
+    ASSERT_GT(requests.size(), before);
+    EXPECT_EQ("/api/v1/da/state", requests[before].path);
+    EXPECT_EQ(token, requests[before].authorization);
+}
+
+TEST(AgentLifecycle, FactoryResetForgetsTheIdentity) {
+    AgentLab lab;
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+    ASSERT_EQ(ZelResultSuccess, ZelFactoryReset());
+    ASSERT_TRUE(lab.waitForState(DeviceAgentStateUninitialized));
+
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/gidtoken", 2));
+    ASSERT_TRUE(lab.term());
+    EXPECT_EQ(0u, lab.logCount("Token Recovery Activated"));
+}
+
+TEST(AgentLifecycle, RestartKeepsTheRemainingPollDelayUnlessItHasRunOut) {
+    Json::Value settings = AgentLab::FastSettings();
+    settings["daPollDelayFixedMs"] = 600000;  // ten minutes: never reached in a test
+    settings["daStartupDelayFixedMs"] = 0;
+    AgentLab lab(settings);
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/state", 1));
+    ASSERT_TRUE(lab.waitForLog("Using standard delay on core startup"));
+    ASSERT_TRUE(lab.term());
+
+    // Restart at once: the ten minutes are not over, so no notification yet.
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForLog("Using standard delay on core startup", 2));
+    ASSERT_TRUE(lab.term());
+    EXPECT_EQ(0u, lab.logCount("Using startup delay on core startup"));
+    EXPECT_EQ(0u, lab.calls("da/notification").size());
+
+    // A last call long ago: the startup delay (0 here) applies from now.
+    writeTimerFile(lab.persistentDir(), time(nullptr) - 100000);
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+    ASSERT_TRUE(lab.term());
+    EXPECT_EQ(1u, lab.logCount("Using startup delay on core startup"));
+
+    // A last call in the future is not believed.
+    writeTimerFile(lab.persistentDir(), time(nullptr) + 100000);
+    ASSERT_EQ(ZelResultSuccess, lab.init());
+    ASSERT_TRUE(lab.waitForCalls("da/notification", 2));
+    ASSERT_TRUE(lab.term());
+    EXPECT_EQ(2u, lab.logCount("Using startup delay on core startup"));
+    bool futureLogged = false;
+    for (const std::string& line : lab.log()) {
+        futureLogged = futureLogged || line.find("lastCall is in the future. Defaulting to clock "
+                                                 "start as reference.") != std::string::npos;
+    }
+    EXPECT_TRUE(futureLogged);
+}
