@@ -59,6 +59,15 @@ private:
     std::vector<Event> events_;
 };
 
+// Names of the persisted state files (base_version_md5) in `dir`.
+std::vector<std::string> persistedFiles(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const char* base : {"coreValues", "coreToken", "daTime"}) {
+        Zel::Core::FileUtil::getFilesWithBase(dir, std::string(base) + "_", names);
+    }
+    return names;
+}
+
 void writeTimerFile(const std::string& dir, time_t seconds) {
     Json::Value timer;
     timer["sec"] = static_cast<Json::Int64>(seconds);
@@ -182,6 +191,14 @@ TEST(AgentLifecycle, FactoryResetForgetsTheIdentity) {
     ASSERT_TRUE(lab.waitForCalls("da/gidtoken", 2));
     ASSERT_TRUE(lab.term());
     EXPECT_EQ(0u, lab.logCount("Token Recovery Activated"));
+
+    // Offline, the reset empties the persistent directory of every state
+    // file, and leaves what is not ours alone.
+    ZelTest::WriteFile(lab.persistentDir() + "/notes.txt", "kept");
+    ASSERT_FALSE(persistedFiles(lab.persistentDir()).empty());
+    ASSERT_EQ(ZelResultSuccess, ZelFactoryResetOffline(lab.config().c_str()));
+    EXPECT_EQ(std::vector<std::string>{}, persistedFiles(lab.persistentDir()));
+    EXPECT_EQ("kept", ZelTest::ReadFile(lab.persistentDir() + "/notes.txt"));
 }
 
 TEST(AgentLifecycle, RestartKeepsTheRemainingPollDelayUnlessItHasRunOut) {
