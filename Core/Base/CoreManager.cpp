@@ -51,9 +51,11 @@ const char* CoreManager::DeviceAgentStateToString(unsigned state) {
     }
 }
 
+// Never destroyed, for the same reason as the core mutex: process exit must
+// not tear down what the detached shut-down thread may still be using.
 CoreManager& CoreManager::Instance() {
-    static CoreManager instance;
-    return instance;
+    static CoreManager* instance = new CoreManager;
+    return *instance;
 }
 
 // Services start in this order and stop in the same order.

@@ -14,8 +14,8 @@ constexpr const char* kLogSource = "Base/EventManager";
 }  // namespace
 
 EventManager& EventManager::Instance() {
-    static EventManager instance;
-    return instance;
+    static EventManager* instance = new EventManager;  // outlives exit, like the core
+    return *instance;
 }
 
 EventManager::EventManager() : semaphore_(false, CoreMutex()) {}

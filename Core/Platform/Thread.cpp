@@ -11,9 +11,18 @@ namespace Core {
 
 namespace {
 
-std::mutex liveMutex;
-std::condition_variable liveChanged;
-unsigned liveCount = 0;
+// A detached thread may still be on its way out when the host returns from
+// main, so what it touches last is never destroyed.
+struct LiveCount {
+    std::mutex mutex;
+    std::condition_variable changed;
+    unsigned count = 0;
+};
+
+LiveCount& live() {
+    static LiveCount* threads = new LiveCount;
+    return *threads;
+}
 
 struct Launch {
     void* (*routine)(void*);
@@ -22,9 +31,10 @@ struct Launch {
 };
 
 void threadEnded() {
-    std::lock_guard<std::mutex> guard(liveMutex);
-    --liveCount;
-    liveChanged.notify_all();
+    LiveCount& threads = live();
+    std::lock_guard<std::mutex> guard(threads.mutex);
+    --threads.count;
+    threads.changed.notify_all();
 }
 
 void* trampoline(void* raw) {
@@ -50,8 +60,8 @@ void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const
         std::snprintf(launch->name, sizeof launch->name, "%s", name);
     }
     {
-        std::lock_guard<std::mutex> guard(liveMutex);
-        ++liveCount;
+        std::lock_guard<std::mutex> guard(live().mutex);
+        ++live().count;
     }
     if (pthread_create(&thread.handle, nullptr, trampoline, launch) == 0) {
         thread.running = true;
@@ -87,14 +97,15 @@ std::string ThreadUtil::GetThreadIdAsString() {
 }
 
 unsigned ThreadUtil::LiveThreads() {
-    std::lock_guard<std::mutex> guard(liveMutex);
-    return liveCount;
+    std::lock_guard<std::mutex> guard(live().mutex);
+    return live().count;
 }
 
 bool ThreadUtil::WaitForNoLiveThreads(unsigned timeoutMs) {
-    std::unique_lock<std::mutex> lock(liveMutex);
-    return liveChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                [] { return liveCount == 0; });
+    LiveCount& threads = live();
+    std::unique_lock<std::mutex> lock(threads.mutex);
+    return threads.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                    [&threads] { return threads.count == 0; });
 }
 
 }  // namespace Core
