@@ -1,14 +1,11 @@
 #include "Core/Base/CoreConfig.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <memory>
-
 #include "Core/Platform/Injector.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 
 namespace {
@@ -70,34 +67,28 @@ namespace Core {
 CoreConfig::CoreConfig(const char* text) {
     setCustomValues();
 
-    if (text != nullptr) {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value root;
-        std::string errors;
-        const char* end = text + std::strlen(text);
-        if (reader->parse(text, end, &root, &errors) && root.isObject() && root.isMember("core")) {
-            const Json::Value core = root.get("core", Json::Value());
-            if (core.isObject()) {
-                skipCurlGlobalInit_ = readBool(core, "skipCurlGlobalInit", skipCurlGlobalInit_);
-                skipSslCryptoInit_ = readBool(core, "skipSslCryptoInit", skipSslCryptoInit_);
-                persistentPath_ = readString(core, "persistentPath", persistentPath_);
-                temporaryPath_ = readString(core, "temporaryPath", temporaryPath_);
-                enableSwVersionSimulation_ =
-                    readBool(core, "enableSwVersionSimulation", enableSwVersionSimulation_);
-                initialSimulatedSwVersion_ =
-                    readString(core, "initialSimulatedSwVersion", initialSimulatedSwVersion_);
-            }
+    Json::Value root;
+    if (JsonUtil::Parse(text, root) && root.isObject() && root.isMember("core")) {
+        const Json::Value core = root.get("core", Json::Value());
+        if (core.isObject()) {
+            skipCurlGlobalInit_ = readBool(core, "skipCurlGlobalInit", skipCurlGlobalInit_);
+            skipSslCryptoInit_ = readBool(core, "skipSslCryptoInit", skipSslCryptoInit_);
+            persistentPath_ = readString(core, "persistentPath", persistentPath_);
+            temporaryPath_ = readString(core, "temporaryPath", temporaryPath_);
+            enableSwVersionSimulation_ =
+                readBool(core, "enableSwVersionSimulation", enableSwVersionSimulation_);
+            initialSimulatedSwVersion_ =
+                readString(core, "initialSimulatedSwVersion", initialSimulatedSwVersion_);
+        }
 
-            // Loggers and injectors are only configured together with "core".
-            Json::Value loggers = root.get("loggers", Json::Value());
-            if (!loggers.isNull()) {
-                Logger::Instance().initialize(loggers);
-            }
-            const Json::Value injectors = root.get("injectors", Json::Value());
-            if (!injectors.isNull()) {
-                Injector::Instance().initialize(injectors);
-            }
+        // Loggers and injectors are only configured together with "core".
+        Json::Value loggers = root.get("loggers", Json::Value());
+        if (!loggers.isNull()) {
+            Logger::Instance().initialize(loggers);
+        }
+        const Json::Value injectors = root.get("injectors", Json::Value());
+        if (!injectors.isNull()) {
+            Injector::Instance().initialize(injectors);
         }
     }
 

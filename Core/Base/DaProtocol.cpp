@@ -1,14 +1,10 @@
 // CoreManager's side of the "da" service: building each call's request and
 // applying its answer.
-#include <json/reader.h>
-#include <json/writer.h>
-
-#include <sstream>
-
 #include "Core/Base/CoreConfig.h"
 #include "Core/Base/CoreManager.h"
 #include "Core/Base/EventManager.h"
 #include "Core/Base/PersistentValues.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Project/DeviceValues.h"
 
@@ -17,12 +13,6 @@ namespace Core {
 
 namespace {
 constexpr const char* kLogSource = "Base/CoreManager";
-
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
-}
 
 using UnsignedSetter = bool (PersistentValues::*)(uint32_t);
 using StringSetter = bool (PersistentValues::*)(const std::string&);
@@ -152,7 +142,7 @@ void CoreManager::setRequestBody(MicroService service, Http::Request& request) c
             body["suCheckForSoftwareUpdate"] = persistent.getSuCheckForSoftwareUpdate();
             break;
     }
-    request.body = compact(body);
+    request.body = JsonUtil::Compact(body);
 }
 
 void CoreManager::prepMicroService(MicroService service, Http::Request& request) {
@@ -217,10 +207,7 @@ void CoreManager::getResponseHeaders(MicroService, const Http::Response& respons
 
 bool CoreManager::getResponseBody(MicroService service, const Http::Response& response) {
     Json::Value answer;
-    Json::CharReaderBuilder reader;
-    std::string errors;
-    std::istringstream stream(response.body);
-    if (!Json::parseFromStream(reader, stream, &answer, &errors) || !answer.isObject()) {
+    if (!JsonUtil::Parse(response.body, answer) || !answer.isObject()) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "%s answer is not a JSON object",
                 MicroServiceToString(service));
         return false;
@@ -304,7 +291,7 @@ void CoreManager::applySynchronizeAnswer(const Json::Value& answer) {
             const Json::Value& parameters = event["parameters"];
             std::string text = parameters.isString() ? parameters.asString()
                                : parameters.isNull() ? std::string()
-                                                     : compact(parameters);
+                                                     : JsonUtil::Compact(parameters);
             EventManager::Instance().queueEvent(
                 event["event"].asString(), event["id"].isUInt() ? event["id"].asUInt() : 0, text);
         }

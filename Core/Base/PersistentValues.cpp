@@ -1,12 +1,9 @@
 #include "Core/Base/PersistentValues.h"
 
-#include <json/reader.h>
 #include <json/value.h>
-#include <json/writer.h>
-
-#include <memory>
 
 #include "Core/Base/CoreConfig.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/X509Util.h"
 #include "Core/Project/DeviceValues.h"
@@ -471,18 +468,12 @@ void PersistentValues::marshal(std::string& text) const {
             }
         }
     }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    text = Json::writeString(builder, root);
+    text = JsonUtil::Compact(root);
 }
 
 bool PersistentValues::unmarshal(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) ||
-        !root.isObject()) {
+    if (!JsonUtil::Parse(text, root) || !root.isObject()) {
         ZEL_LOG(ServiceCore, CategoryState, SeverityError, "Problem JSON parsing %s",
                 getValuesBaseName().c_str());
         return false;
@@ -536,8 +527,6 @@ void PersistentValues::logStateDebug() const {
     if (!Logger::Instance().test(ServiceCore, CategoryState, SeverityDebug)) {
         return;
     }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
     for (const Field& field : Fields()) {
         std::string value;
         switch (field.kind) {
@@ -558,7 +547,7 @@ void PersistentValues::logStateDebug() const {
                 for (const std::string& item : this->*field.list) {
                     items.append(item);
                 }
-                value = Json::writeString(builder, items);
+                value = JsonUtil::Compact(items);
                 break;
             }
         }

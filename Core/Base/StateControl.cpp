@@ -1,15 +1,11 @@
 // CoreManager's StateControl thread: when the next "da" call is due, and
 // the loop that makes it.
-#include <json/reader.h>
-#include <json/writer.h>
-
-#include <sstream>
-
 #include "Core/Base/CoreConfig.h"
 #include "Core/Base/CoreManager.h"
 #include "Core/Base/PersistentValues.h"
 #include "Core/Base/ServiceManager.h"
 #include "Core/Platform/FileUtil.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/TimeManager.h"
 
@@ -138,9 +134,7 @@ void CoreManager::writeTimerFile() const {
     Json::Value timer;
     timer["sec"] = static_cast<Json::Int64>(volatile_->lastCall.tv_sec);
     timer["nsec"] = static_cast<Json::Int64>(volatile_->lastCall.tv_nsec);
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    FileUtil::Store(config_->getPersistentPath(), kTimerBaseName, Json::writeString(writer, timer));
+    FileUtil::Store(config_->getPersistentPath(), kTimerBaseName, JsonUtil::Compact(timer));
 }
 
 void CoreManager::readTimerFile() {
@@ -150,11 +144,8 @@ void CoreManager::readTimerFile() {
     }
     std::string name = config_->getPersistentPath() + kTimerBaseName;
     Json::Value timer;
-    Json::CharReaderBuilder reader;
-    std::string errors;
-    std::istringstream stream(content);
-    if (!Json::parseFromStream(reader, stream, &timer, &errors) || !timer.isObject() ||
-        !timer["sec"].isIntegral() || !timer["nsec"].isIntegral()) {
+    if (!JsonUtil::Parse(content, timer) || !timer.isObject() || !timer["sec"].isIntegral() ||
+        !timer["nsec"].isIntegral()) {
         ZEL_LOG(ServiceCore, CategoryState, SeverityError, "Problem JSON parsing %s", name.c_str());
         return;
     }

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <memory>
 
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/OpenSsl.h"
 
 namespace {
 constexpr const char* kLogSource = "Platform/FileUtil";
@@ -196,10 +196,8 @@ std::string FileUtil::calcMd5Hash(const char* data, unsigned len) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned digestLen = 0;
     if (EVP_Digest(data, len, digest, &digestLen, EVP_md5(), nullptr) != 1) {
-        char text[256];
-        ERR_error_string_n(ERR_get_error(), text, sizeof text);
-        ERR_clear_error();
-        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", text);
+        std::string error = OpenSslFirstError();
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", error.c_str());
         return std::string();
     }
     static const char kHex[] = "0123456789abcdef";

@@ -1,9 +1,9 @@
 #include "Core/Platform/HmacUtil.h"
 
-#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/OpenSsl.h"
 
 namespace {
 constexpr const char* kLogSource = "Platform/HmacUtil";
@@ -23,10 +23,8 @@ bool HmacUtil::GetHmacSha256(std::vector<unsigned char> key, const std::string& 
     if (EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr, keyBytes, key.size(),
                   reinterpret_cast<const unsigned char*>(data.data()), data.size(), mac, sizeof mac,
                   &macLen) == nullptr) {
-        char text[256];
-        ERR_error_string_n(ERR_get_error(), text, sizeof text);
-        ERR_clear_error();
-        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", text);
+        std::string error = OpenSslFirstError();
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", error.c_str());
         return false;
     }
     unsigned char encoded[4 * ((EVP_MAX_MD_SIZE + 2) / 3) + 1];

@@ -1,7 +1,6 @@
 #include "Core/Platform/Http.h"
 
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
@@ -10,6 +9,7 @@
 
 #include "Core/Platform/Injector.h"
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/OpenSsl.h"
 #include "Core/Platform/TimeManager.h"
 #include "Core/Project/ProductIdentity.h"
 
@@ -24,52 +24,9 @@ constexpr long kKeepAliveSeconds = 10;
 
 std::atomic<bool> globalCleanup{false};
 
-struct BioFree {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct X509InfoStackFree {
-    void operator()(STACK_OF(X509_INFO) * infos) const {
-        sk_X509_INFO_pop_free(infos, X509_INFO_free);
-    }
-};
-struct X509StoreFree {
-    void operator()(X509_STORE* store) const { X509_STORE_free(store); }
-};
-struct X509Free {
-    void operator()(X509* cert) const { X509_free(cert); }
-};
-struct PkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
 struct MimeFree {
     void operator()(curl_mime* mime) const { curl_mime_free(mime); }
 };
-
-using X509InfoStack = std::unique_ptr<STACK_OF(X509_INFO), X509InfoStackFree>;
-
-// Drains OpenSSL's error queue of this thread into one line, so that a stale
-// error cannot be blamed on a later, unrelated TLS operation.
-std::string OpenSslErrors() {
-    std::string text;
-    unsigned long code;
-    while ((code = ERR_get_error()) != 0) {
-        char buffer[256];
-        ERR_error_string_n(code, buffer, sizeof(buffer));
-        if (!text.empty()) {
-            text += "; ";
-        }
-        text += buffer;
-    }
-    return text.empty() ? std::string("no detail") : text;
-}
-
-X509InfoStack ReadPemCertificates(const std::string& pem) {
-    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    if (!bio) {
-        return nullptr;
-    }
-    return X509InfoStack(PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr));
-}
 
 int PassphraseCallback(char* buffer, int size, int /*rwflag*/, void* data) {
     const std::string& password = static_cast<const ProductIdentity*>(data)->getPassword();
@@ -81,25 +38,18 @@ int PassphraseCallback(char* buffer, int size, int /*rwflag*/, void* data) {
 }
 
 CURLcode InstallTrust(SSL_CTX* ctx, const ProductIdentity& identity) {
-    X509InfoStack infos = ReadPemCertificates(identity.getTrust());
-    std::unique_ptr<X509_STORE, X509StoreFree> store(X509_STORE_new());
+    X509InfoStackPtr infos = ReadCertificates(identity.getTrust());
+    X509StorePtr store(X509_STORE_new());
     if (!infos || !store) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot read the trust chain: %s",
                 OpenSslErrors().c_str());
         return CURLE_SSL_CACERT_BADFILE;
     }
-    int added = 0;
-    for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
-        X509_INFO* info = sk_X509_INFO_value(infos.get(), i);
-        if (info->x509 == nullptr) {
-            continue;
-        }
-        if (X509_STORE_add_cert(store.get(), info->x509) != 1) {
-            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
-                    "Cannot add a trusted certificate: %s", OpenSslErrors().c_str());
-            return CURLE_SSL_CACERT_BADFILE;
-        }
-        ++added;
+    int added = AddCertificates(store.get(), infos.get());
+    if (added < 0) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "Cannot add a trusted certificate: %s", OpenSslErrors().c_str());
+        return CURLE_SSL_CACERT_BADFILE;
     }
     if (added == 0) {
         ERR_clear_error();
@@ -113,7 +63,7 @@ CURLcode InstallTrust(SSL_CTX* ctx, const ProductIdentity& identity) {
 }
 
 CURLcode InstallCertificate(SSL_CTX* ctx, const ProductIdentity& identity) {
-    X509InfoStack infos = ReadPemCertificates(identity.getCert());
+    X509InfoStackPtr infos = ReadCertificates(identity.getCert());
     X509* client = nullptr;
     for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
         X509* cert = sk_X509_INFO_value(infos.get(), i)->x509;
@@ -126,7 +76,7 @@ CURLcode InstallCertificate(SSL_CTX* ctx, const ProductIdentity& identity) {
         }
         // Intermediates go out with the client certificate; the context
         // owns what it is given, the stack keeps its own.
-        std::unique_ptr<X509, X509Free> copy(X509_dup(cert));
+        X509Ptr copy(X509_dup(cert));
         if (!copy || SSL_CTX_add_extra_chain_cert(ctx, copy.get()) != 1) {
             ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
                     "Cannot add a chain certificate: %s", OpenSslErrors().c_str());
@@ -148,13 +98,8 @@ CURLcode InstallCertificate(SSL_CTX* ctx, const ProductIdentity& identity) {
 }
 
 CURLcode InstallPrivateKey(SSL_CTX* ctx, const ProductIdentity& identity) {
-    const std::string& pem = identity.getKey();
-    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    std::unique_ptr<EVP_PKEY, PkeyFree> key;
-    if (bio) {
-        key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, PassphraseCallback,
-                                          const_cast<ProductIdentity*>(&identity)));
-    }
+    PkeyPtr key = ReadPrivateKey(identity.getKey(), PassphraseCallback,
+                                 const_cast<ProductIdentity*>(&identity));
     if (!key) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot read the private key: %s",
                 OpenSslErrors().c_str());

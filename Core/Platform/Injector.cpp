@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 
 namespace Zel {
@@ -42,9 +43,7 @@ std::string ReadBody(const Json::Value& value) {
     if (value.isString()) {
         return value.asString();
     }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
+    return JsonUtil::Compact(value);
 }
 
 bool EndsWith(const std::string& text, const std::string& suffix) {

@@ -1,45 +1,23 @@
 #include "Core/Platform/RsaUtil.h"
 
-#include <openssl/bio.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/OpenSsl.h"
 
 namespace {
 constexpr const char* kLogSource = "Platform/RsaUtil";
 
-struct BioFree {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct X509Free {
-    void operator()(X509* cert) const { X509_free(cert); }
-};
-struct PkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct PkeyCtxFree {
-    void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
-};
-struct MdCtxFree {
-    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-
-// Logs the oldest queued OpenSSL error and empties the queue, so a stale entry
-// cannot surface in a later, unrelated TLS call on this thread.
+// Empties the queue even when the line is filtered out.
 void logOpenSslError() {
-    char text[256];
-    ERR_error_string_n(ERR_get_error(), text, sizeof text);
-    ERR_clear_error();
+    std::string error = Zel::Core::OpenSslFirstError();
     ZEL_LOG(Zel::Core::ServiceCore, Zel::Core::CategoryState, Zel::Core::SeverityError, "ERROR: %s",
-            text);
+            error.c_str());
 }
 
 // Hands over the pass phrase, or none at all: a missing one must fail the read
@@ -63,10 +41,7 @@ namespace Core {
 
 bool RsaUtil::VerifyRS512(const std::string& certPem, const unsigned char* data, unsigned len,
                           const unsigned char* sig, unsigned sigLen) {
-    std::unique_ptr<BIO, BioFree> bio(
-        BIO_new_mem_buf(certPem.data(), static_cast<int>(certPem.size())));
-    std::unique_ptr<X509, X509Free> cert(
-        bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    X509Ptr cert = ReadCertificate(certPem);
     if (!cert) {
         logOpenSslError();
         return false;
@@ -78,7 +53,7 @@ bool RsaUtil::VerifyRS512(const std::string& certPem, const unsigned char* data,
         logOpenSslError();
         return false;
     }
-    std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+    MdCtxPtr ctx(EVP_MD_CTX_new());
     EVP_PKEY_CTX* keyCtx = nullptr;
     if (!ctx || EVP_DigestVerifyInit(ctx.get(), &keyCtx, EVP_sha512(), nullptr, key) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(keyCtx, RSA_PKCS1_PADDING) <= 0) {
@@ -98,15 +73,12 @@ bool RsaUtil::Decrypt(const char* keyPem, const char* second, const unsigned cha
     if (keyPem == nullptr || in == nullptr) {
         return false;
     }
-    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(keyPem, -1));
-    std::unique_ptr<EVP_PKEY, PkeyFree> key(
-        bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, passPhrase, const_cast<char*>(second))
-            : nullptr);
+    PkeyPtr key = ReadPrivateKey(keyPem, passPhrase, const_cast<char*>(second));
     if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) {
         logOpenSslError();
         return false;
     }
-    std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree> ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
     size_t outLen = 0;
     if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_OAEP_PADDING) <= 0 ||

@@ -1,9 +1,9 @@
 #include "Core/Platform/Sha256Util.h"
 
-#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/OpenSsl.h"
 
 namespace {
 constexpr const char* kLogSource = "Platform/Sha256Util";
@@ -17,10 +17,8 @@ bool Sha256Util::Hash(const std::string& in, std::string& out) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned digestLen = 0;
     if (EVP_Digest(in.data(), in.size(), digest, &digestLen, EVP_sha256(), nullptr) != 1) {
-        char text[256];
-        ERR_error_string_n(ERR_get_error(), text, sizeof text);
-        ERR_clear_error();
-        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", text);
+        std::string error = OpenSslFirstError();
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", error.c_str());
         return false;
     }
     static const char kHex[] = "0123456789abcdef";

@@ -1,8 +1,6 @@
 #include "Core/Project/DeviceValues.h"
 
-#include <json/reader.h>
 #include <json/value.h>
-#include <json/writer.h>
 #include <net/if.h>
 #include <stdio.h>
 #include <sys/ioctl.h>
@@ -16,6 +14,7 @@
 
 #include "Core/Base/CoreConfig.h"
 #include "Core/Platform/FileUtil.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Project/KorvanePlugin.h"
 
@@ -30,7 +29,7 @@ struct PipeCloser {
 using Pipe = std::unique_ptr<FILE, PipeCloser>;
 
 class Socket {
-  public:
+public:
     Socket(int domain, int type) : fd_(socket(domain, type, 0)) {}
     ~Socket() {
         if (fd_ >= 0) {
@@ -41,7 +40,7 @@ class Socket {
     Socket& operator=(const Socket&) = delete;
     int fd() const { return fd_; }
 
-  private:
+private:
     int fd_;
 };
 
@@ -137,23 +136,6 @@ std::string copyOut(const char (&source)[ZEL_KORVANE_VALUE_SIZE]) {
     return std::string(source, strnlen(source, sizeof(source)));
 }
 
-bool parseObject(const char* text, Json::Value& root) {
-    if (text == nullptr) {
-        return false;
-    }
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text, text + std::strlen(text), &root, &errors) && root.isObject();
-}
-
-void readString(const Json::Value& root, const char* key, std::string& field) {
-    const Json::Value& value = root[key];
-    if (!value.isNull() && value.isConvertibleTo(Json::stringValue)) {
-        field = value.asString();
-    }
-}
-
 }  // namespace
 
 namespace Zel {
@@ -166,15 +148,15 @@ DeviceValues::DeviceValues(const char* text, const CoreConfig* config) : config_
     applyPlugin();
 
     Json::Value root;
-    if (parseObject(text, root)) {
-        readString(root, "id", id_);
-        readString(root, "model", model_);
-        readString(root, "subModel", subModel_);
-        readString(root, "platform", platform_);
-        readString(root, "brand", brand_);
-        readString(root, "esn", esn_);
-        readString(root, "mac", mac_);
-        readString(root, "swVersion", swVersion_);
+    if (JsonUtil::Parse(text, root) && root.isObject()) {
+        JsonUtil::ReadString(root, "id", id_);
+        JsonUtil::ReadString(root, "model", model_);
+        JsonUtil::ReadString(root, "subModel", subModel_);
+        JsonUtil::ReadString(root, "platform", platform_);
+        JsonUtil::ReadString(root, "brand", brand_);
+        JsonUtil::ReadString(root, "esn", esn_);
+        JsonUtil::ReadString(root, "mac", mac_);
+        JsonUtil::ReadString(root, "swVersion", swVersion_);
     }
 }
 
@@ -203,7 +185,8 @@ void DeviceValues::setCustomValues() {
         std::string content;
         Json::Value stored;
         if (FileUtil::Load(config_->getPersistentPath(), kSwVersionBaseName, content) &&
-            parseObject(content.c_str(), stored) && stored["swVersion"].isString()) {
+            JsonUtil::Parse(content.c_str(), stored) && stored.isObject() &&
+            stored["swVersion"].isString()) {
             swVersion_ = stored["swVersion"].asString();
         }
     } else {
@@ -248,10 +231,7 @@ bool DeviceValues::setSimulatedSwVersion(const std::string& version) {
     }
     Json::Value stored(Json::objectValue);
     stored["swVersion"] = version;
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    FileUtil::Store(config_->getPersistentPath(), kSwVersionBaseName,
-                    Json::writeString(builder, stored));
+    FileUtil::Store(config_->getPersistentPath(), kSwVersionBaseName, JsonUtil::Compact(stored));
     swVersion_ = version;
     return true;
 }

@@ -1,25 +1,14 @@
 #include "Core/Project/ProductIdentity.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 
-#include <cstring>
-#include <memory>
-
 #include "Core/Platform/Base64Util.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Project/KorvanePlugin.h"
 
 namespace {
 constexpr const char* kLogSource = "Project/ProductIdentity";
-
-void readString(const Json::Value& root, const char* key, std::string& field) {
-    const Json::Value& value = root[key];
-    if (!value.isNull() && value.isConvertibleTo(Json::stringValue)) {
-        field = value.asString();
-    }
-}
-
 }  // namespace
 
 namespace Zel {
@@ -28,17 +17,12 @@ namespace Core {
 ProductIdentity::ProductIdentity(const char* text) {
     setCustomValues();
 
-    if (text != nullptr) {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value root;
-        std::string errors;
-        if (reader->parse(text, text + std::strlen(text), &root, &errors) && root.isObject()) {
-            readString(root, "key", encodedKey_);
-            readString(root, "cert", encodedCert_);
-            readString(root, "trust", encodedTrust_);
-            readString(root, "password", password_);
-        }
+    Json::Value root;
+    if (JsonUtil::Parse(text, root) && root.isObject()) {
+        JsonUtil::ReadString(root, "key", encodedKey_);
+        JsonUtil::ReadString(root, "cert", encodedCert_);
+        JsonUtil::ReadString(root, "trust", encodedTrust_);
+        JsonUtil::ReadString(root, "password", password_);
     }
 
     // Decoded once here; the TLS set-up and the update checks want PEM text.
