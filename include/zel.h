@@ -48,28 +48,28 @@ typedef uint32_t ZelStatusMethod;
 /* The status record. The host allocates it; ZelGetStatus fills it and
  * ZelFreeStatus releases its strings. Members keep this order. */
 typedef struct ZelStatus {
-    uint32_t state;                   /* DeviceAgentState */
-    uint32_t testMode;                /* 0 or 1 */
-    uint32_t sessionState;            /* remote-support session state, 7 when uninitialised */
+    uint32_t state;        /* DeviceAgentState */
+    uint32_t testMode;     /* 0 or 1 */
+    uint32_t sessionState; /* remote-support session state, 7 when uninitialised */
     char* sdkVersion;
-    char* deviceId;                   /* assigned by the cloud */
-    char* opid;                       /* operator id from the device certificate */
-    char* cloud;                      /* cloud instance from the device certificate */
-    char* allowedDataItemIds;         /* always empty */
+    char* deviceId;           /* assigned by the cloud */
+    char* opid;               /* operator id from the device certificate */
+    char* cloud;              /* cloud instance from the device certificate */
+    char* allowedDataItemIds; /* always empty */
     char* consentUrl;
-    char* sessionInfo;                /* session code while a session is ready or joined */
-    char* swVersion;                  /* device software version */
-    char* updateVersion;              /* offered update, while one is offered */
+    char* sessionInfo;   /* session code while a session is ready or joined */
+    char* swVersion;     /* device software version */
+    char* updateVersion; /* offered update, while one is offered */
     char* updateDisplayText;
     char* updateStagingFile;
     char* updateHash;
     uint32_t updateState;
-    uint32_t updateSource;            /* 1 (network) when uninitialised */
+    uint32_t updateSource; /* 1 (network) when uninitialised */
     uint32_t updatePermission;
     uint32_t updateMandatory;
     uint32_t updateAutoAnswer;
     uint32_t updatePercentDownloaded;
-    uint32_t consentState;            /* always ZelConsentStateUnsupported */
+    uint32_t consentState; /* always ZelConsentStateUnsupported */
 } ZelStatus;
 
 /* Starts the agent with the identity, configuration and device documents (JSON texts). */

@@ -9,7 +9,7 @@ namespace Core {
 // "loggers" and "injectors" sections to their owners, but only when the
 // document has a "core" section.
 class CoreConfig {
-  public:
+public:
     // A null text, a text that is not JSON or a document without "core" gives
     // the defaults. Both paths always end in "/" afterwards.
     explicit CoreConfig(const char* text);
@@ -23,7 +23,7 @@ class CoreConfig {
 
     void logStateDebug() const;
 
-  private:
+private:
     // Device builds change the defaults here; runs before the document is read.
     void setCustomValues();
 

@@ -29,7 +29,7 @@ class ServiceManager;
 // The agent's lifecycle, its core objects and the StateControl thread that
 // keeps the core state in step with the "da" service. One per process.
 class CoreManager {
-  public:
+public:
     enum DeviceAgentState : unsigned {
         Uninitialized = 0,
         Initialized = 1,
@@ -76,7 +76,7 @@ class CoreManager {
     static void setRequestHeaderContentTypeJson(Http::Request& request);
     void setRequestHeaderAuthorizedGid(Http::Request& request) const;
 
-  private:
+private:
     CoreManager();
 
     bool terminatingOrResetting() const {

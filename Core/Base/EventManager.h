@@ -23,7 +23,7 @@ struct Event {
 // StateControl to the services that own them, on its own "EventControl"
 // thread so that StateControl never waits for a receiver.
 class EventManager : public ServiceManager {
-  public:
+public:
     using Receiver = std::function<void(const Event&)>;
 
     static EventManager& Instance();
@@ -45,7 +45,7 @@ class EventManager : public ServiceManager {
     // Hook for a device build that shows the consent page; nothing here.
     static void PerformConsentNotification(const std::string& url);
 
-  private:
+private:
     EventManager();
 
     static void* EventControl(void* self);

@@ -11,7 +11,7 @@ class CoreConfig;
 // configuration, the base name of the values file and the base name of the
 // token file that keeps a spare copy of the cloud token.
 class PersistentBase {
-  public:
+public:
     explicit PersistentBase(const CoreConfig* config,
                             const std::string& valuesBaseName = "coreValues",
                             const std::string& tokenBaseName = "coreToken");
@@ -34,11 +34,11 @@ class PersistentBase {
     const std::string& getValuesBaseName() const { return valuesBaseName_; }
     const std::string& getTokenBaseName() const { return tokenBaseName_; }
 
-  protected:
+protected:
     void storeValuesFile(const std::string& content);
     bool loadValuesFile(std::string& content);
 
-  private:
+private:
     void logTestBackupToken(const std::string& name, const std::string& token, bool success);
 
     const CoreConfig* config_;

@@ -31,7 +31,7 @@ const char* ConsentStateToString(uint32_t state);
 //
 // Not thread-safe: callers hold the core mutex.
 class PersistentValues : public PersistentBase {
-  public:
+public:
     // Any pointer may be null (the matching fields then keep their defaults).
     // The certificate's common name "OPID.instance" gives certOpid (before the
     // first ".") and certInstance (after it); certificate and device values
@@ -271,7 +271,7 @@ class PersistentValues : public PersistentBase {
 
     void logStateDebug() const;
 
-  private:
+private:
     struct Field;
     static const std::vector<Field>& Fields();
 

@@ -21,7 +21,7 @@ struct ServiceContext {
 // must not block (set a flag, wake the threads). terminateEnd runs without
 // it and joins.
 class ServiceManager {
-  public:
+public:
     virtual ~ServiceManager() = default;
 
     virtual void initialize(const ServiceContext& context) = 0;

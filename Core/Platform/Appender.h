@@ -17,7 +17,7 @@ namespace Core {
 // A destination for log records with its own format and filter table.
 // Appenders are not thread-safe: the logger's mutex serialises every call.
 class Appender {
-  public:
+public:
     virtual ~Appender();
     virtual void doAppend(const LoggingEvent& event) = 0;
     virtual void close() = 0;
@@ -45,14 +45,14 @@ class Appender {
     Appender(const Appender&) = delete;
     Appender& operator=(const Appender&) = delete;
 
-  protected:
+protected:
     // Reads "format" and "filters" of the configuration element.
     Appender(const std::string& type, const Json::Value& config);
 
     // The event as text in this appender's format ("" without one).
     std::string render(const LoggingEvent& event) const;
 
-  private:
+private:
     std::string name_;
     std::unique_ptr<Format> format_;
     int levels_[FilterProperties::kServiceCount][FilterProperties::kCategoryCount];

@@ -9,14 +9,14 @@ namespace Core {
 
 // Writes to standard output or standard error (any stream, for tests).
 class ConsoleAppender : public Appender {
-  public:
+public:
     ConsoleAppender(const Json::Value& config, std::ostream& stream);
     ~ConsoleAppender() override;
 
     void doAppend(const LoggingEvent& event) override;
     void close() override;
 
-  private:
+private:
     std::ostream& stream_;
 };
 

@@ -10,7 +10,7 @@ namespace Core {
 // Appends records to a file opened once at construction. No rotation, no size
 // limit; if the file cannot be opened every record is silently dropped.
 class FileAppender : public Appender {
-  public:
+public:
     // `append` keeps earlier content; otherwise the file is truncated on open.
     FileAppender(const Json::Value& config, const std::string& path, bool append, mode_t mode);
     ~FileAppender() override;
@@ -23,7 +23,7 @@ class FileAppender : public Appender {
     mode_t getMode() const { return mode_; }
     int getDescriptor() const { return fd_; }
 
-  private:
+private:
     std::string path_;
     int flags_;
     mode_t mode_;

@@ -8,7 +8,7 @@ namespace Core {
 // The names behind the service, category and severity numbers of a log call.
 // The configuration's filters and the text formats use the names.
 class FilterProperties {
-  public:
+public:
     // The name, or "UNKNOWN" for a number outside the table.
     static const char* GetServiceName(int service);
     static const char* GetCategoryName(int category);

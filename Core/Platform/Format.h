@@ -14,11 +14,11 @@ namespace Core {
 // Renders one event as the text an appender writes. Formats keep no state, so
 // one instance serves every record of its appender.
 class Format {
-  public:
+public:
     virtual ~Format() = default;
     virtual std::string format(const LoggingEvent& event) = 0;
 
-  protected:
+protected:
     // Left-justified in `width` columns; a longer text is kept whole.
     static void AppendPadded(std::string& out, const std::string& text, size_t width) {
         out += text;

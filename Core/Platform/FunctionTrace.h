@@ -8,13 +8,13 @@ namespace Core {
 // Logs "Function Enter" when a scope starts and "Function Return" when it ends,
 // as (service, "flow", "debug") records; each is tested when it happens.
 class FunctionTrace {
-  public:
+public:
     FunctionTrace(const std::string& function, const std::string& file, int line, int service);
     ~FunctionTrace();
     FunctionTrace(const FunctionTrace&) = delete;
     FunctionTrace& operator=(const FunctionTrace&) = delete;
 
-  private:
+private:
     std::string function_;
     std::string file_;
     int line_;

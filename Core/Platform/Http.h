@@ -17,7 +17,7 @@ class ProductIdentity;
 // verified against the identity's own trust store only, a stapled OCSP
 // response required, and the device certificate as the client certificate.
 class Http {
-  public:
+public:
     enum class Verb { Get, Post, FormPost, Delete };
 
     struct CurlDeleter {

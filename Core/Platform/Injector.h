@@ -16,7 +16,7 @@ namespace Core {
 // of the network: the first entry whose suffix ends the request URL answers
 // with its responses in order, the last one repeating for ever.
 class Injector {
-  public:
+public:
     static Injector& Instance();
 
     // Replaces every entry (and its use counter) with those of an "injectors" array.
@@ -27,7 +27,7 @@ class Injector {
     // True when an entry answered; the response is then filled and marked mocked.
     bool mock(Http::Request& request, Http::Response& response);
 
-  private:
+private:
     struct MockResponse {
         long statusCode = 200;
         std::vector<std::string> headers;

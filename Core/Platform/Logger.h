@@ -43,7 +43,7 @@ enum LogSeverity : int {
 // The one process-wide logger. Nothing is written until initialize() has
 // applied a "loggers" array; the appenders are fixed until terminate().
 class Logger {
-  public:
+public:
     static Logger& Instance();
 
     void initialize(Json::Value& loggers);
@@ -63,7 +63,7 @@ class Logger {
     void logJson(const std::string& file, int line, const std::string& function, int service,
                  const Json::Value& record);
 
-  private:
+private:
     Logger() = default;
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;

@@ -6,7 +6,7 @@ namespace Zel {
 namespace Core {
 
 class LongFormat : public Format {
-  public:
+public:
     std::string format(const LoggingEvent& event) override;
 
     // "%Y-%m-%dT%H:%M:%S.uuuuuuZ" in UTC; the test format carries the same text.

@@ -6,7 +6,7 @@ namespace Zel {
 namespace Core {
 
 class MediumFormat : public Format {
-  public:
+public:
     std::string format(const LoggingEvent& event) override;
 };
 

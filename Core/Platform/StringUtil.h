@@ -7,7 +7,7 @@ namespace Zel {
 namespace Core {
 
 class StringUtil {
-  public:
+public:
     // printf-style formatting into a string of whatever length the text needs.
     static std::string Vform(const char* format, va_list args);
     static std::string ToUpperCase(std::string text);

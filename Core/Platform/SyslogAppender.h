@@ -6,7 +6,7 @@ namespace Zel {
 namespace Core {
 
 class SyslogAppender : public Appender {
-  public:
+public:
     SyslogAppender(const Json::Value& config, const std::string& ident, int facility);
     ~SyslogAppender() override;
 
@@ -21,7 +21,7 @@ class SyslogAppender : public Appender {
     const std::string& getIdent() const { return ident_; }
     int getFacility() const { return facility_; }
 
-  private:
+private:
     std::string ident_;  // openlog keeps the pointer: lives as long as the appender
     int facility_;
 };

@@ -14,7 +14,7 @@ class CoreConfig;
 //   3. the keys present in the device document given to ZelInit.
 // A field the document leaves out therefore keeps the plug-in's value.
 class DeviceValues {
-  public:
+public:
     // `config` may be null (no software version simulation then).
     DeviceValues(const char* text, const CoreConfig* config);
 
@@ -37,7 +37,7 @@ class DeviceValues {
     // Base name of the persisted file holding the simulated version.
     static const char* const kSwVersionBaseName;
 
-  private:
+private:
     void setCustomValues();
     void applyPlugin();
 

@@ -10,7 +10,7 @@ namespace korvane {
 // before use. The process-wide instance is never unloaded, so its pointers
 // (and whatever the plug-in registered through them) stay valid.
 class KorvanePlugin {
-  public:
+public:
     // The process-wide plug-in, loaded from LibraryPath() on first use.
     static KorvanePlugin& Instance();
 
@@ -38,7 +38,7 @@ class KorvanePlugin {
     ZelKorvaneGetVideoHeightExt getVideoHeightExt = nullptr;
     ZelKorvaneInitialize initializeExt = nullptr;
 
-  private:
+private:
     void* handle_ = nullptr;
 };
 

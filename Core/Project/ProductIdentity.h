@@ -9,7 +9,7 @@ namespace Core {
 // Key, certificate and trust arrive base64-encoded in the identity document and
 // are decoded once; the getters return the decoded PEM texts.
 class ProductIdentity {
-  public:
+public:
     explicit ProductIdentity(const char* text);
 
     const std::string& getKey() const { return key_; }
@@ -21,7 +21,7 @@ class ProductIdentity {
     // every transfer that needs it fails with a logged reason.
     bool isValid() const { return valid_; }
 
-  private:
+private:
     void setCustomValues();
 
     std::string encodedKey_;

@@ -13,10 +13,10 @@
 #include "Core/Platform/Thread.h"
 #include "support/AgentLab.h"
 
-using ZelCloud::FaultPlan;
-using ZelTest::AgentLab;
 using Zel::Core::Event;
 using Zel::Core::EventManager;
+using ZelCloud::FaultPlan;
+using ZelTest::AgentLab;
 
 namespace {
 
@@ -35,7 +35,8 @@ public:
     }
     bool waitFor(size_t count) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, AgentLab::kPatience, [&] { return events_.size() >= count; });
+        return changed_.wait_for(lock, AgentLab::kPatience,
+                                 [&] { return events_.size() >= count; });
     }
     std::vector<std::string> parameters() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -155,8 +156,8 @@ TEST(AgentLifecycle, EventsArriveInOrderAcrossAnswersAndUnknownOnesAreIgnored) {
     EXPECT_EQ(expected, recorder.parameters());
     EXPECT_EQ(1u, lab.logCount("Ignoring event=mystery, id=2, parameters=?"));
     // Each queued event leaves a structured record.
-    EXPECT_EQ(1u, lab.logCount(
-                      "{\"coreEventQueued\":{\"event\":\"mystery\",\"parameters\":\"?\"}}"));
+    EXPECT_EQ(1u,
+              lab.logCount("{\"coreEventQueued\":{\"event\":\"mystery\",\"parameters\":\"?\"}}"));
 }
 
 TEST(AgentLifecycle, LostValuesFileRecoversTheTokenInsteadOfANewIdentity) {
@@ -233,8 +234,9 @@ TEST(AgentLifecycle, RestartKeepsTheRemainingPollDelayUnlessItHasRunOut) {
     EXPECT_EQ(2u, lab.logCount("Using startup delay on core startup"));
     bool futureLogged = false;
     for (const std::string& line : lab.log()) {
-        futureLogged = futureLogged || line.find("lastCall is in the future. Defaulting to clock "
-                                                 "start as reference.") != std::string::npos;
+        futureLogged = futureLogged || line.find(
+                                           "lastCall is in the future. Defaulting to clock "
+                                           "start as reference.") != std::string::npos;
     }
     EXPECT_TRUE(futureLogged);
 }

@@ -10,7 +10,9 @@ using ZelTest::AgentLab;
 
 namespace {
 
-Json::Value bodyOf(const RecordedRequest& request) { return AgentLab::Parse(request.body); }
+Json::Value bodyOf(const RecordedRequest& request) {
+    return AgentLab::Parse(request.body);
+}
 
 // Index of the first request at or after `from` whose path ends with `path`.
 size_t indexOf(const std::vector<std::string>& paths, const std::string& path, size_t from = 0) {
@@ -69,9 +71,9 @@ TEST(DaProtocol, FreshStartObtainsIdentitySynchronisesThenPolls) {
     EXPECT_EQ(false, identity["daTestMode"].asBool());
 
     Json::Value state = bodyOf(requests[1]);
-    for (const char* key : {"daTestMode", "daId", "daModel", "daSubModel", "oemMsg", "daBrand",
-                            "daPlatform", "daSwVersion", "daVersion", "daOpidSeqNum",
-                            "daGidSeqNum", "suCheckForSoftwareUpdate"}) {
+    for (const char* key :
+         {"daTestMode", "daId", "daModel", "daSubModel", "oemMsg", "daBrand", "daPlatform",
+          "daSwVersion", "daVersion", "daOpidSeqNum", "daGidSeqNum", "suCheckForSoftwareUpdate"}) {
         EXPECT_TRUE(state.isMember(key)) << key;
     }
     EXPECT_EQ(deviceDocument["model"], state["daModel"]);

@@ -2,8 +2,8 @@
 
 #include <json/reader.h>
 #include <json/writer.h>
-#include <sys/socket.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,10 +112,16 @@ std::string AgentLab::config() const {
     return compact(document);
 }
 
-const std::string& AgentLab::identity() const { return labPki().identity; }
-const std::string& AgentLab::device() const { return labPki().device; }
+const std::string& AgentLab::identity() const {
+    return labPki().identity;
+}
+const std::string& AgentLab::device() const {
+    return labPki().device;
+}
 
-ZelResult AgentLab::init() { return ZelInit(identity().c_str(), config().c_str(), device().c_str()); }
+ZelResult AgentLab::init() {
+    return ZelInit(identity().c_str(), config().c_str(), device().c_str());
+}
 
 uint32_t AgentLab::state() const {
     ZelStatus status{};
@@ -161,10 +167,10 @@ bool AgentLab::waitForCalls(const std::string& path, size_t count,
     std::string suffix = "/api/v1/" + path;
     return cloud_->waitFor(
         [&](const std::vector<ZelCloud::RecordedRequest>& requests) {
-            return static_cast<size_t>(std::count_if(
-                       requests.begin(), requests.end(),
-                       [&](const ZelCloud::RecordedRequest& r) { return r.path == suffix; })) >=
-                   count;
+            return static_cast<size_t>(std::count_if(requests.begin(), requests.end(),
+                                                     [&](const ZelCloud::RecordedRequest& r) {
+                                                         return r.path == suffix;
+                                                     })) >= count;
         },
         timeout);
 }

@@ -43,8 +43,9 @@ public:
     uint32_t state() const;
 
     // Waits until the cloud has served requests satisfying `predicate`.
-    bool waitFor(const std::function<bool(const std::vector<ZelCloud::RecordedRequest>&)>& predicate,
-                 std::chrono::milliseconds timeout = kPatience);
+    bool waitFor(
+        const std::function<bool(const std::vector<ZelCloud::RecordedRequest>&)>& predicate,
+        std::chrono::milliseconds timeout = kPatience);
     // Waits until the cloud has seen `count` calls of `path` ("da/state") in all.
     bool waitForCalls(const std::string& path, size_t count,
                       std::chrono::milliseconds timeout = kPatience);

@@ -40,7 +40,9 @@ LogCapture::LogCapture(const std::string& severity) : path_(dir_.file("log.jsonl
     Zel::Core::Logger::Instance().initialize(loggers);
 }
 
-LogCapture::~LogCapture() { Zel::Core::Logger::Instance().terminate(); }
+LogCapture::~LogCapture() {
+    Zel::Core::Logger::Instance().terminate();
+}
 
 std::vector<std::string> LogCapture::messages() const {
     std::vector<std::string> result;
@@ -52,7 +54,9 @@ std::vector<std::string> LogCapture::messages() const {
     return result;
 }
 
-bool LogCapture::contains(const std::string& message) const { return count(message) > 0; }
+bool LogCapture::contains(const std::string& message) const {
+    return count(message) > 0;
+}
 
 size_t LogCapture::count(const std::string& message) const {
     std::vector<std::string> all = messages();

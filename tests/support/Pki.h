@@ -10,7 +10,7 @@ namespace ZelTest {
 // A throw-away PKI made by tools/pki/make-pki.sh: made once per instance
 // (and operator id) in a test process, removed when the process ends.
 class Pki {
-  public:
+public:
     static constexpr const char* kDefaultOpid = "FFFFFF0ACC";
 
     // `instance` goes into the device certificate's CN as it is, port included.
@@ -45,7 +45,7 @@ class Pki {
     Pki(const Pki&) = delete;
     Pki& operator=(const Pki&) = delete;
 
-  private:
+private:
     TempDir dir_;
     std::string instance_;
     std::string opid_;

@@ -20,7 +20,7 @@ namespace ZelCloud {
 // Handlers run on the server's worker threads; register them before start().
 // An object serves once: after stop() make a new one.
 class TlsServer {
-  public:
+public:
     struct Config {
         std::string certFile;      // server certificate, PEM
         std::string keyFile;       // its private key, PEM, unencrypted
@@ -58,7 +58,7 @@ class TlsServer {
 
     static bool ReadFile(const std::string& path, std::string& content);
 
-  private:
+private:
     static int StatusCallback(SSL* ssl, void* arg);
     bool fail(const std::string& reason);
     bool loadCertificates(SSL_CTX* ctx, const Config& config);

@@ -20,7 +20,9 @@ const char* stateName(uint32_t state) {
     }
 }
 
-const char* text(const char* value) { return value != nullptr ? value : "-"; }
+const char* text(const char* value) {
+    return value != nullptr ? value : "-";
+}
 }  // namespace
 
 std::string StatusPrinter::Describe(const ZelStatus& status) {

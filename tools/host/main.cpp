@@ -45,8 +45,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::string identity, config, device;
-    if (!ReadTextFile(options.identityFile, identity) || !ReadTextFile(options.configFile, config) ||
-        !ReadTextFile(options.deviceFile, device)) {
+    if (!ReadTextFile(options.identityFile, identity) ||
+        !ReadTextFile(options.configFile, config) || !ReadTextFile(options.deviceFile, device)) {
         return 2;
     }
 
@@ -72,8 +72,7 @@ int main(int argc, char** argv) {
     }
 
     std::atomic<bool> stopping{false};
-    std::thread stopper(awaitStop, std::cref(signals), options.durationSeconds,
-                        std::ref(stopping));
+    std::thread stopper(awaitStop, std::cref(signals), options.durationSeconds, std::ref(stopping));
 
     StatusPrinter printer;
     ZelStatus status{};

@@ -44,8 +44,9 @@ void stop() {
 
 TEST(ZelCore, ClockNotYetSetRefusesToStartAndLeavesNothingBehind) {
     ZelTest::TempDir dir;
-    Zel::Core::TimeManager::Instance().setClock(
-        [] { return timespec{Zel::Core::TimeManager::kGoodTimeThreshold, 0}; });
+    Zel::Core::TimeManager::Instance().setClock([] {
+        return timespec{Zel::Core::TimeManager::kGoodTimeThreshold, 0};
+    });
     ZelResult result = ZelInit(sample("identity.json").c_str(), config(dir, Json::Value()).c_str(),
                                sample("device.json").c_str());
     Zel::Core::TimeManager::Instance().setClock(nullptr);
@@ -64,8 +65,9 @@ TEST(ZelCore, HostSeveritiesMapOntoTheAgentsFromTraceToFatal) {
     Json::Value loggers = ZelTest::LogCapture::LoggersConfig(traceLog, "trace");
     Json::Value fatalOnly = ZelTest::LogCapture::LoggersConfig(fatalLog, "fatal")[0];
     loggers.append(fatalOnly);
-    ASSERT_EQ(ZelResultSuccess, ZelInit(sample("identity.json").c_str(), config(dir, loggers).c_str(),
-                                        sample("device.json").c_str()));
+    ASSERT_EQ(ZelResultSuccess,
+              ZelInit(sample("identity.json").c_str(), config(dir, loggers).c_str(),
+                      sample("device.json").c_str()));
     EXPECT_EQ(ZelResultSuccess, ZelLogMessage(5, "five is fatal %d", 5));
     EXPECT_EQ(ZelResultSuccess, ZelLogMessage(4, "four is an error"));
     EXPECT_EQ(ZelResultSuccess, ZelLogMessage(0, "zero is trace"));
