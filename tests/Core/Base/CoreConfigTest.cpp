@@ -31,10 +31,9 @@ std::string compact(const Json::Value& value) {
     return Json::writeString(builder, value);
 }
 
-std::string coreDocument(const Json::Value& core) {
-    Json::Value root;
-    root["core"] = core;
-    return compact(root);
+// A configuration whose "core" section is `core` (JSON text).
+std::string coreDocument(const std::string& core) {
+    return "{\"core\": " + core + "}";
 }
 
 // Runs the test body in a scratch working directory and restores the old one.
@@ -70,14 +69,11 @@ TEST_F(CoreConfigTest, DefaultsWithoutUsableDocument) {
 TEST_F(CoreConfigTest, ReadsCoreKeysAndConvertsMistypedOnes) {
     TempDir persistent;
     TempDir temporary;
-    Json::Value core;
-    core["skipCurlGlobalInit"] = true;
-    core["skipSslCryptoInit"] = true;
-    core["persistentPath"] = persistent.path();
-    core["temporaryPath"] = temporary.path() + "/";
-    core["enableSwVersionSimulation"] = true;
-    core["initialSimulatedSwVersion"] = "2.5.1";
-    CoreConfig config(coreDocument(core).c_str());
+    CoreConfig config(coreDocument(R"({"skipCurlGlobalInit": true, "skipSslCryptoInit": true,
+        "enableSwVersionSimulation": true, "initialSimulatedSwVersion": "2.5.1", "persistentPath": ")" +
+                                   persistent.path() + R"(", "temporaryPath": ")" +
+                                   temporary.path() + "/\"}")
+                          .c_str());
     EXPECT_TRUE(config.getSkipCurlGlobalInit());
     EXPECT_TRUE(config.getSkipSslCryptoInit());
     EXPECT_EQ(persistent.path() + "/", config.getPersistentPath());
@@ -85,12 +81,10 @@ TEST_F(CoreConfigTest, ReadsCoreKeysAndConvertsMistypedOnes) {
     EXPECT_TRUE(config.getEnableSwVersionSimulation());
     EXPECT_EQ("2.5.1", config.getInitialSimulatedSwVersion());
 
-    Json::Value mistyped;
-    mistyped["skipCurlGlobalInit"] = 1;     // converts to true
-    mistyped["skipSslCryptoInit"] = "yes";  // not convertible: default
-    mistyped["initialSimulatedSwVersion"] = 3;
-    mistyped["persistentPath"] = Json::Value(Json::objectValue);
-    CoreConfig converted(coreDocument(mistyped).c_str());
+    // 1 converts to true, "yes" does not convert: default.
+    CoreConfig converted(coreDocument(R"({"skipCurlGlobalInit": 1, "skipSslCryptoInit": "yes",
+        "initialSimulatedSwVersion": 3, "persistentPath": {}})")
+                             .c_str());
     EXPECT_TRUE(converted.getSkipCurlGlobalInit());
     EXPECT_FALSE(converted.getSkipSslCryptoInit());
     EXPECT_EQ("3", converted.getInitialSimulatedSwVersion());
@@ -99,11 +93,10 @@ TEST_F(CoreConfigTest, ReadsCoreKeysAndConvertsMistypedOnes) {
 
 TEST_F(CoreConfigTest, RelativePathsAreCompletedAndChecked) {
     LogCapture capture;
-    Json::Value core;
-    core["persistentPath"] = "data";
-    core["temporaryPath"] = "scratch/";
+    const std::string core =
+        coreDocument(R"({"persistentPath": "data", "temporaryPath": "scratch/"})");
     {
-        CoreConfig config(coreDocument(core).c_str());
+        CoreConfig config(core.c_str());
         EXPECT_EQ(cwd_ + "/data/", config.getPersistentPath());
         EXPECT_EQ(cwd_ + "/scratch/", config.getTemporaryPath());
     }
@@ -114,25 +107,22 @@ TEST_F(CoreConfigTest, RelativePathsAreCompletedAndChecked) {
     // Once the directories exist, the same document is quiet.
     ASSERT_EQ(0, mkdir("data", 0775));
     ASSERT_EQ(0, mkdir("scratch", 0775));
-    CoreConfig again(coreDocument(core).c_str());
+    CoreConfig again(core.c_str());
     EXPECT_EQ(cwd_ + "/data/", again.getPersistentPath());
     EXPECT_EQ(2u, capture.messages().size());
 
     // A plain file is not a directory.
     ZelTest::WriteFile(cwd_ + "/plain", "x");
-    Json::Value fileCore;
-    fileCore["persistentPath"] = "plain";
-    CoreConfig onFile(coreDocument(fileCore).c_str());
+    CoreConfig onFile(coreDocument(R"({"persistentPath": "plain"})").c_str());
     EXPECT_EQ(cwd_ + "/plain/", onFile.getPersistentPath());
     EXPECT_TRUE(capture.contains("PERSISTENT DIRECTORY " + cwd_ + "/plain IS NOT USABLE!"));
 }
 
 TEST_F(CoreConfigTest, AbsolutePathsAreKeptUnchecked) {
     LogCapture capture;
-    Json::Value core;
-    core["persistentPath"] = "/nonexistent/zel/persist";
-    core["temporaryPath"] = "/nonexistent/zel/tmp/";
-    CoreConfig config(coreDocument(core).c_str());
+    CoreConfig config(coreDocument(R"({"persistentPath": "/nonexistent/zel/persist",
+        "temporaryPath": "/nonexistent/zel/tmp/"})")
+                          .c_str());
     EXPECT_EQ("/nonexistent/zel/persist/", config.getPersistentPath());
     EXPECT_EQ("/nonexistent/zel/tmp/", config.getTemporaryPath());
     EXPECT_TRUE(capture.messages().empty());

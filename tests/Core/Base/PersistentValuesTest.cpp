@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,13 +19,8 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
-using Zel::Core::Base64Util;
-using Zel::Core::CoreConfig;
-using Zel::Core::DeviceValues;
 using Zel::Core::FileUtil;
-using Zel::Core::PersistentBase;
 using Zel::Core::PersistentValues;
-using Zel::Core::ProductIdentity;
 using ZelTest::LogCapture;
 using ZelTest::TempDir;
 
@@ -40,149 +36,96 @@ std::string compact(const Json::Value& value) {
 }
 
 Json::Value parse(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << text;
-    return root;
+    Json::Value value;
+    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
+    return value;
 }
 
-std::vector<std::string> filesOf(const std::string& dir, const std::string& base) {
-    std::vector<std::string> files;
-    FileUtil::getFilesWithBase(dir, base + "_", files);
-    return files;
-}
-
-// A self-signed certificate with the given common name, made with the openssl tool.
-std::string makeCertificate(const TempDir& dir, const std::string& commonName) {
+// An identity whose self-signed certificate (made with the openssl tool) has `commonName`.
+std::unique_ptr<Zel::Core::ProductIdentity> identityFor(const TempDir& dir,
+                                                        const std::string& commonName) {
     const std::string command =
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1"
-        " -nodes -days 2 -subj '/CN=" +
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+        " -subj '/CN=" +
         commonName + "' -keyout '" + dir.file("key.pem") + "' -out '" + dir.file("cert.pem") +
         "' >/dev/null 2>&1";
     EXPECT_EQ(0, std::system(command.c_str()));
-    return ZelTest::ReadFile(dir.file("cert.pem"));
-}
-
-std::string identityDocument(const std::string& certPem) {
     Json::Value root;
-    root["cert"] = Base64Util::Encode(certPem);
-    return compact(root);
+    root["cert"] = Zel::Core::Base64Util::Encode(ZelTest::ReadFile(dir.file("cert.pem")));
+    return std::make_unique<Zel::Core::ProductIdentity>(compact(root).c_str());
 }
 
 // Every persisted member with a value different from its default.
 Json::Value allNonDefault() {
-    Json::Value v(Json::objectValue);
-    v["gidToken"] = "gid-token-1";
-    v["synchronized"] = true;
-    v["testMode"] = true;
-    v["sdkVersion"] = "4.8.0-255-g4399f3ce";
-    v["certOpid"] = "OPID01";
-    v["certInstance"] = "cloud.example";
-    v["deviceId"] = "id-1";
-    v["deviceModel"] = "model-1";
-    v["deviceSubModel"] = "sub-1";
-    v["oemMsg"] = "hello";
-    v["devicePlatform"] = "platform-1";
-    v["deviceBrand"] = "brand-1";
-    v["deviceEsn"] = "esn-1";
-    v["deviceMac"] = "01:02:03:04:05:06";
-    v["deviceSwVersion"] = "9.9";
-    static const char* const kNumbers[] = {"opidSeqNum",
-                                           "gidSeqNum",
-                                           "dsAggressiveQueuePercentage",
-                                           "dsStandardDelayFixedMs",
-                                           "dsStandardDelayVariedMs",
-                                           "dsAggressiveDelayFixedMs",
-                                           "dsAggressiveDelayVariedMs",
-                                           "daConnectTimeoutMs",
-                                           "daMessageTimeoutMs",
-                                           "daPollDelayFixedMs",
-                                           "daPollDelayVariedMs",
-                                           "daRetryDelayFixedMs",
-                                           "daRetryDelayVariedMs",
-                                           "daStartupDelayFixedMs",
-                                           "daStartupDelayVariedMs",
-                                           "dsConnectTimeoutMs",
-                                           "dsMessageTimeoutMs",
-                                           "dsRetryDelayFixedMs",
-                                           "dsRetryDelayVariedMs",
-                                           "dsStartupDelayFixedMs",
-                                           "dsStartupDelayVariedMs",
-                                           "svConnectTimeoutMs",
-                                           "svMessageTimeoutMs",
-                                           "svRetryDelayFixedMs",
-                                           "svRetryDelayVariedMs",
-                                           "svActiveTimeoutMs",
-                                           "svPausedTimeoutMs",
-                                           "svNetworkDiagTimeoutMs",
-                                           "svSpeedTestDownloadSize",
-                                           "svSpeedTestDownloadTimeMs",
-                                           "svSpeedTestUploadSize",
-                                           "svSpeedTestUploadTimeMs",
-                                           "suConnectTimeoutMs",
-                                           "suMessageTimeoutMs",
-                                           "suMaxRetryCount",
-                                           "suRetryDelayFixedMs",
-                                           "suRetryDelayVariedMs",
-                                           "suStagingConnectTimeoutMs",
-                                           "suStagingMessageTimeoutMs",
-                                           "suStagingMaxRetryCount",
-                                           "suStagingRetryDelayFixedMs",
-                                           "suStagingRetryDelayVariedMs"};
-    uint32_t n = 1;
-    for (const char* key : kNumbers) {
-        v[key] = 7000000u + n++;
+    Json::Value v = parse(R"({"gidToken": "gid-token-1", "synchronized": true, "testMode": true,
+        "sdkVersion": "4.8.0-255-g4399f3ce", "certOpid": "OPID01", "certInstance": "cloud.example",
+        "deviceId": "id-1", "deviceModel": "model-1", "deviceSubModel": "sub-1", "oemMsg": "hello",
+        "devicePlatform": "platform-1", "deviceBrand": "brand-1", "deviceEsn": "esn-1",
+        "deviceMac": "01:02:03:04:05:06", "deviceSwVersion": "9.9", "daSupportViewEnabled": true,
+        "svLbrAwsDomain": "lbr.example", "svMrsUrl": "https://mrs.example",
+        "svPingTestHostname": "ping.example", "svSpeedTestDownloadUrl": "https://down.example",
+        "svSpeedTestUploadUrl": "https://up.example", "daConsentUrl": "https://consent.example",
+        "daConsentState": 3, "suCheckForSoftwareUpdate": true,
+        "dsAllowedDataItemIds": ["item-a", "item-b"]})");
+    std::istringstream numbers(
+        "opidSeqNum gidSeqNum dsAggressiveQueuePercentage dsStandardDelayFixedMs "
+        "dsStandardDelayVariedMs dsAggressiveDelayFixedMs dsAggressiveDelayVariedMs "
+        "daConnectTimeoutMs daMessageTimeoutMs daPollDelayFixedMs daPollDelayVariedMs "
+        "daRetryDelayFixedMs daRetryDelayVariedMs daStartupDelayFixedMs daStartupDelayVariedMs "
+        "dsConnectTimeoutMs dsMessageTimeoutMs dsRetryDelayFixedMs dsRetryDelayVariedMs "
+        "dsStartupDelayFixedMs dsStartupDelayVariedMs svConnectTimeoutMs svMessageTimeoutMs "
+        "svRetryDelayFixedMs svRetryDelayVariedMs svActiveTimeoutMs svPausedTimeoutMs "
+        "svNetworkDiagTimeoutMs svSpeedTestDownloadSize svSpeedTestDownloadTimeMs "
+        "svSpeedTestUploadSize svSpeedTestUploadTimeMs suConnectTimeoutMs suMessageTimeoutMs "
+        "suMaxRetryCount suRetryDelayFixedMs suRetryDelayVariedMs suStagingConnectTimeoutMs "
+        "suStagingMessageTimeoutMs suStagingMaxRetryCount suStagingRetryDelayFixedMs "
+        "suStagingRetryDelayVariedMs");
+    uint32_t n = 7000001;
+    for (std::string key; numbers >> key;) {
+        v[key] = n++;
     }
-    v["daSupportViewEnabled"] = true;
-    v["svLbrAwsDomain"] = "lbr.example";
-    v["svMrsUrl"] = "https://mrs.example";
-    v["svPingTestHostname"] = "ping.example";
-    v["svSpeedTestDownloadUrl"] = "https://down.example";
-    v["svSpeedTestUploadUrl"] = "https://up.example";
-    v["daConsentUrl"] = "https://consent.example";
-    v["daConsentState"] = 3u;
-    v["suCheckForSoftwareUpdate"] = true;
-    v["dsAllowedDataItemIds"].append("item-a");
-    v["dsAllowedDataItemIds"].append("item-b");
     return v;
 }
 
 class PersistentValuesTest : public ::testing::Test {
 protected:
-    PersistentValuesTest() : config_(configText().c_str()) {}
+    PersistentValuesTest()
+        : config_(("{\"core\": {\"persistentPath\": \"" + dir_.path() + "\"}}").c_str()) {}
 
-    std::string configText() const {
-        Json::Value root;
-        root["core"]["persistentPath"] = dir_.path();
-        return compact(root);
-    }
     std::string dir() const { return config_.getPersistentPath(); }
-    std::unique_ptr<PersistentValues> make(const ProductIdentity* identity = nullptr,
-                                           const DeviceValues* device = nullptr) {
+    std::vector<std::string> files(const std::string& base) const {
+        std::vector<std::string> found;
+        FileUtil::getFilesWithBase(dir(), base + "_", found);
+        return found;
+    }
+    void storeValues(const std::string& text) { FileUtil::Store(dir(), "coreValues", text); }
+    std::unique_ptr<PersistentValues> make(const Zel::Core::ProductIdentity* identity = nullptr,
+                                           const Zel::Core::DeviceValues* device = nullptr) {
         return std::make_unique<PersistentValues>(identity, &config_, device);
+    }
+    static std::string marshalled(PersistentValues& values) {
+        std::string text;
+        values.marshal(text);
+        return compact(parse(text));
     }
 
     TempDir dir_;
-    CoreConfig config_;
+    Zel::Core::CoreConfig config_;
 };
 
 TEST_F(PersistentValuesTest, FreshDeviceHasDefaultsAndStoresOnce) {
     auto values = make();
-    EXPECT_EQ("", values->getGidToken());
     EXPECT_EQ(3150000u, values->getDaPollDelayFixedMs());
     EXPECT_FALSE(values->isPersisted());
 
     values->store();
     EXPECT_TRUE(values->isPersisted());
-    std::vector<std::string> files = filesOf(dir(), "coreValues");
-    ASSERT_EQ(1u, files.size());
-    EXPECT_EQ(0, FileUtil::parseVersion(files[0]));
-
+    std::vector<std::string> stored = files("coreValues");
+    ASSERT_EQ(1u, stored.size());
+    EXPECT_EQ(0, FileUtil::parseVersion(stored[0]));
     // No change: no second write (which would be version 1).
     values->store();
-    EXPECT_EQ(files, filesOf(dir(), "coreValues"));
+    EXPECT_EQ(stored, files("coreValues"));
 
     // A setter that does not change the value keeps the persisted state.
     EXPECT_FALSE(values->setDaPollDelayFixedMs(3150000u));
@@ -190,46 +133,32 @@ TEST_F(PersistentValuesTest, FreshDeviceHasDefaultsAndStoresOnce) {
     EXPECT_TRUE(values->setDaPollDelayFixedMs(1000u));
     EXPECT_FALSE(values->isPersisted());
     values->store();
-    files = filesOf(dir(), "coreValues");
-    ASSERT_EQ(1u, files.size());
-    EXPECT_EQ(1, FileUtil::parseVersion(files[0]));
+    stored = files("coreValues");
+    ASSERT_EQ(1u, stored.size());
+    EXPECT_EQ(1, FileUtil::parseVersion(stored[0]));
     // No token yet, so no token file.
-    EXPECT_TRUE(filesOf(dir(), "coreToken").empty());
+    EXPECT_TRUE(files("coreToken").empty());
 }
 
 TEST_F(PersistentValuesTest, EveryFieldSurvivesStoreAndLoad) {
     // Compared as text: jsoncpp tells signed from unsigned numbers apart.
-    const Json::Value expected = allNonDefault();
+    const std::string expected = compact(allNonDefault());
     {
         auto values = make();
-        ASSERT_TRUE(values->unmarshal(compact(expected)));
-        std::string text;
-        values->marshal(text);
-        EXPECT_EQ(compact(expected), compact(parse(text)));
+        ASSERT_TRUE(values->unmarshal(expected));
+        EXPECT_EQ(expected, marshalled(*values));
         values->store();
     }
     auto loaded = make();
     EXPECT_TRUE(loaded->isPersisted());
-    std::string text;
-    loaded->marshal(text);
-    EXPECT_EQ(compact(expected), compact(parse(text)));
+    EXPECT_EQ(expected, marshalled(*loaded));
     EXPECT_EQ((std::vector<std::string>{"item-a", "item-b"}), loaded->getDsAllowedDataItemIds());
 }
 
 TEST_F(PersistentValuesTest, MissingOrMistypedKeysKeepDefaults) {
-    Json::Value partial;
-    partial["svMrsUrl"] = "https://mrs.example";
-    partial["daRetryDelayFixedMs"] = 42;
-    partial["daPollDelayFixedMs"] = "12";
-    partial["testMode"] = 1;
-    partial["gidToken"] = 5;
-    partial["opidSeqNum"] = -3;
-    partial["gidSeqNum"] = 1.5;
-    partial["dsAllowedDataItemIds"].append("a");
-    partial["dsAllowedDataItemIds"].append(3);
-    partial["daConsentState"] = 9;
-    FileUtil::Store(dir(), "coreValues", compact(partial));
-
+    storeValues(R"({"svMrsUrl": "https://mrs.example", "daRetryDelayFixedMs": 42,
+        "daPollDelayFixedMs": "12", "testMode": 1, "gidToken": 5, "opidSeqNum": -3,
+        "gidSeqNum": 1.5, "dsAllowedDataItemIds": ["a", 3], "daConsentState": 9})");
     auto values = make();
     EXPECT_EQ("https://mrs.example", values->getSvMrsUrl());
     EXPECT_EQ(42u, values->getDaRetryDelayFixedMs());
@@ -246,12 +175,11 @@ TEST_F(PersistentValuesTest, MissingOrMistypedKeysKeepDefaults) {
 }
 
 TEST_F(PersistentValuesTest, CorruptOrHalfWrittenValuesFileIsDiscarded) {
-    Json::Value stored = allNonDefault();
-    const std::string content = compact(stored);
+    const std::string content = compact(allNonDefault());
     // Half-written: the name promises the whole text, the file holds half of it.
-    const std::string halfName =
-        "coreValues_0_" + FileUtil::calcMd5Hash(content.data(), content.size());
-    ZelTest::WriteFile(dir_.file(halfName), content.substr(0, content.size() / 2));
+    ZelTest::WriteFile(
+        dir_.file("coreValues_0_" + FileUtil::calcMd5Hash(content.data(), content.size())),
+        content.substr(0, content.size() / 2));
     {
         LogCapture capture;
         auto values = make();
@@ -259,10 +187,10 @@ TEST_F(PersistentValuesTest, CorruptOrHalfWrittenValuesFileIsDiscarded) {
         EXPECT_EQ("", values->getGidToken());
         EXPECT_FALSE(values->isPersisted());
     }
-    EXPECT_TRUE(filesOf(dir(), "coreValues").empty());
+    EXPECT_TRUE(files("coreValues").empty());
 
     // Intact envelope, body not JSON: defaults as well.
-    FileUtil::Store(dir(), "coreValues", "{\"gidToken\": \"x\",");
+    storeValues("{\"gidToken\": \"x\",");
     auto values = make();
     EXPECT_EQ("", values->getGidToken());
     EXPECT_FALSE(values->isPersisted());
@@ -273,13 +201,11 @@ TEST_F(PersistentValuesTest, TokenFileSurvivesLossOfValuesFile) {
         LogCapture capture;
         auto values = make();
         EXPECT_TRUE(values->setGidToken("secret-token"));
-        EXPECT_EQ("secret-token", values->getBackupToken());
         values->store();
         // The token itself never reaches the log.
         for (const std::string& line : capture.messages()) {
             EXPECT_EQ(std::string::npos, line.find("secret-token")) << line;
         }
-        EXPECT_EQ(1u, filesOf(dir(), "coreToken").size());
     }
     FileUtil::Drop(dir(), "coreValues");
     {
@@ -287,30 +213,24 @@ TEST_F(PersistentValuesTest, TokenFileSurvivesLossOfValuesFile) {
         EXPECT_EQ("", values->getGidToken());
         EXPECT_EQ("secret-token", values->getBackupToken());
         // Recovery copies the backup back; the token file is not rewritten.
-        const std::vector<std::string> before = filesOf(dir(), "coreToken");
+        const std::vector<std::string> before = files("coreToken");
         EXPECT_TRUE(values->setGidToken(values->getBackupToken()));
-        EXPECT_EQ(before, filesOf(dir(), "coreToken"));
+        EXPECT_EQ(before, files("coreToken"));
         values->store();
     }
-    auto values = make();
-    EXPECT_EQ("secret-token", values->getGidToken());
-    EXPECT_EQ("secret-token", values->getBackupToken());
+    EXPECT_EQ("secret-token", make()->getGidToken());
 
     // A factory reset offline only has the configuration, and drops both files.
-    PersistentBase(&config_).drop();
-    EXPECT_TRUE(filesOf(dir(), "coreValues").empty());
-    EXPECT_TRUE(filesOf(dir(), "coreToken").empty());
+    Zel::Core::PersistentBase(&config_).drop();
+    EXPECT_TRUE(files("coreValues").empty());
+    EXPECT_TRUE(files("coreToken").empty());
 }
 
 TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
     // A values file with a token but no token file: construction writes it.
-    Json::Value stored;
-    stored["gidToken"] = "from-values";
-    FileUtil::Store(dir(), "coreValues", compact(stored));
+    storeValues(R"({"gidToken": "from-values"})");
     {
-        LogCapture capture;
         auto values = make();
-        EXPECT_EQ("from-values", values->getBackupToken());
         std::string token;
         EXPECT_TRUE(FileUtil::Load(dir(), "coreToken", token));
         EXPECT_EQ("from-values", token);
@@ -324,7 +244,7 @@ TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
         // A retired token (the cloud refused it) must not be recovered.
         EXPECT_TRUE(values->setGidToken(""));
         EXPECT_EQ("", values->getBackupToken());
-        EXPECT_TRUE(filesOf(dir(), "coreToken").empty());
+        EXPECT_TRUE(files("coreToken").empty());
         values->store();
     }
     auto values = make();
@@ -334,53 +254,43 @@ TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
 
 TEST_F(PersistentValuesTest, CertificateAndDeviceValuesWinOverStaleFile) {
     TempDir pki;
-    ProductIdentity identity(
-        identityDocument(makeCertificate(pki, "FFFFFF0ACC.zel.localhost:18443")).c_str());
-    ASSERT_TRUE(identity.isValid());
-    DeviceValues device(
+    auto identity = identityFor(pki, "FFFFFF0ACC.zel.localhost:18443");
+    ASSERT_TRUE(identity->isValid());
+    Zel::Core::DeviceValues device(
         R"({"id": "dev-id", "model": "M", "subModel": "S", "platform": "P", "brand": "B",
             "esn": "E", "mac": "0A:0B:0C:0D:0E:0F", "swVersion": "1.2.3"})",
         &config_);
 
-    Json::Value stale = allNonDefault();
-    FileUtil::Store(dir(), "coreValues", compact(stale));
-    auto values = make(&identity, &device);
+    storeValues(compact(allNonDefault()));
+    auto values = make(identity.get(), &device);
     EXPECT_EQ("FFFFFF0ACC", values->getCertOpid());
     EXPECT_EQ("zel.localhost:18443", values->getCertInstance());
     EXPECT_EQ("dev-id", values->getDeviceId());
-    EXPECT_EQ("0A:0B:0C:0D:0E:0F", values->getDeviceMac());
     EXPECT_EQ("1.2.3", values->getDeviceSwVersion());
     // Everything else comes from the file, and the changes are still to be stored.
     EXPECT_EQ("gid-token-1", values->getGidToken());
-    EXPECT_EQ("hello", values->getOemMsg());
     EXPECT_FALSE(values->isPersisted());
 
     // A common name without a dot is all operator id.
-    TempDir other;
-    ProductIdentity bare(identityDocument(makeCertificate(other, "OPIDONLY")).c_str());
-    auto plain = make(&bare, nullptr);
+    auto bare = identityFor(pki, "OPIDONLY");
+    auto plain = make(bare.get());
     EXPECT_EQ("OPIDONLY", plain->getCertOpid());
     EXPECT_EQ("", plain->getCertInstance());
 }
 
-TEST_F(PersistentValuesTest, ConsentChangesAreReportedOnce) {
+TEST_F(PersistentValuesTest, ConsentChangesAreReportedOnceAndTheTokenIsNeverLogged) {
     auto values = make();
     EXPECT_FALSE(values->testDaConsentUrl());
     EXPECT_FALSE(values->testDaConsentState());
     EXPECT_TRUE(values->setDaConsentUrl("https://consent"));
-    EXPECT_TRUE(values->setDaConsentState(Zel::Core::ConsentStateRequired));
+    EXPECT_TRUE(values->setDaConsentState(Zel::Core::ConsentStateCompleted));
     EXPECT_TRUE(values->testDaConsentUrl());
     EXPECT_FALSE(values->testDaConsentUrl());
     EXPECT_TRUE(values->testDaConsentState());
+    EXPECT_FALSE(values->setDaConsentState(Zel::Core::ConsentStateCompleted));
     EXPECT_FALSE(values->testDaConsentState());
-    EXPECT_FALSE(values->setDaConsentState(Zel::Core::ConsentStateRequired));
-    EXPECT_FALSE(values->testDaConsentState());
-}
 
-TEST_F(PersistentValuesTest, LogStateDebugHidesTheToken) {
-    auto values = make();
     values->setGidToken("very-secret");
-    values->setDaConsentState(Zel::Core::ConsentStateCompleted);
     values->setDsAllowedDataItemIds({"x"});
     LogCapture capture;
     values->logStateDebug();

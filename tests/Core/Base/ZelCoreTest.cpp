@@ -1,6 +1,7 @@
 // Entry points whose answers depend on more than their arguments: the clock,
 // and the mapping of the host's log severities onto the agent's.
 #include <gtest/gtest.h>
+#include <json/reader.h>
 #include <json/writer.h>
 
 #include "Core/Platform/TimeManager.h"
@@ -17,12 +18,10 @@ std::string sample(const std::string& name) {
 // Every "da" call answered locally, so the agent needs no network.
 std::string config(const ZelTest::TempDir& dir, const Json::Value& loggers) {
     Json::Value document;
+    Json::Reader().parse(R"({"injectors": [{"suffix": "da/gidtoken",
+        "responses": [{"statusCode": 200, "body": {"daGidToken": "t"}}]}]})",
+                         document);
     document["core"]["persistentPath"] = dir.path();
-    Json::Value injector;
-    injector["suffix"] = "da/gidtoken";
-    injector["responses"][0]["statusCode"] = 200;
-    injector["responses"][0]["body"] = "{\"daGidToken\": \"t\"}";
-    document["injectors"].append(injector);
     document["loggers"] = loggers;
     return Json::FastWriter().write(document);
 }

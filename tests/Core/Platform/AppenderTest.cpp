@@ -17,31 +17,29 @@ namespace {
 
 using namespace Zel::Core;
 
-Json::Value filter(const std::string& service, const std::string& category,
-                   const std::string& severity) {
-    Json::Value entry;
-    entry["service"] = service;
-    entry["category"] = category;
-    entry["severity"] = severity;
-    return entry;
-}
-
-Json::Value element(const std::string& format, const Json::Value& filters,
+// A console element; `filters` lists "service/category/severity" entries, and a
+// word without slashes becomes a bare string entry.
+Json::Value element(const std::string& format, const std::string& filters = "",
                     const std::string& argument = "stdout") {
     Json::Value config;
     config["type"] = "console";
     config["argument"] = argument;
     config["format"] = format;
-    config["filters"] = filters;
-    return config;
-}
-
-Json::Value filters(std::initializer_list<Json::Value> entries) {
-    Json::Value list(Json::arrayValue);
-    for (const Json::Value& entry : entries) {
-        list.append(entry);
+    config["filters"] = Json::Value(Json::arrayValue);
+    std::istringstream in(filters);
+    for (std::string entry; in >> entry;) {
+        const size_t first = entry.find('/');
+        const size_t last = entry.rfind('/');
+        Json::Value filter(entry);
+        if (first != std::string::npos) {
+            filter = Json::Value();
+            filter["service"] = entry.substr(0, first);
+            filter["category"] = entry.substr(first + 1, last - first - 1);
+            filter["severity"] = entry.substr(last + 1);
+        }
+        config["filters"].append(filter);
     }
-    return list;
+    return config;
 }
 
 LoggingEvent event(const std::string& message, int severity = 4) {
@@ -70,14 +68,11 @@ protected:
 
 TEST_F(AppenderTest, FiltersFillTheLevelTable) {
     std::ostringstream out;
-    ConsoleAppender appender(
-        element("short",
-                filters({filter("core", "state", "info"), filter("sv", "flow", "trace"),
-                         filter("su", "test", "error"), filter("su", "test", "warning"),
-                         filter("drmp", "state", "disabled"), filter("Core", "state", "trace"),
-                         filter("core", "all", "trace"), filter("core", "flow", "verbose"),
-                         Json::Value("core"), filter("ds", "", "trace")})),
-        out);
+    ConsoleAppender appender(element("short",
+                                     "core/state/info sv/flow/trace su/test/error su/test/warning "
+                                     "drmp/state/disabled Core/state/trace core/all/trace "
+                                     "core/flow/verbose core ds//trace"),
+                             out);
     ASSERT_TRUE(appender.hasFormat());
     EXPECT_EQ("console-short-stdout", appender.getName());
 
@@ -99,12 +94,13 @@ TEST_F(AppenderTest, FiltersFillTheLevelTable) {
 
 TEST_F(AppenderTest, WithoutFiltersArrayOrKnownFormatThereIsNoFormat) {
     std::ostringstream out;
-    Json::Value noFilters = element("short", Json::Value());
+    Json::Value noFilters = element("short");
     noFilters.removeMember("filters");
+    Json::Value objectFilters = element("short", "core/state/info");
+    objectFilters["filters"] = Json::Value(objectFilters["filters"][0]);
     EXPECT_FALSE(ConsoleAppender(noFilters, out).hasFormat());
-    EXPECT_FALSE(
-        ConsoleAppender(element("short", filter("core", "state", "info")), out).hasFormat());
-    EXPECT_FALSE(ConsoleAppender(element("Short", filters({})), out).hasFormat());
+    EXPECT_FALSE(ConsoleAppender(objectFilters, out).hasFormat());
+    EXPECT_FALSE(ConsoleAppender(element("Short"), out).hasFormat());
     // An appender without format writes nothing even when asked to.
     ConsoleAppender silent(noFilters, out);
     silent.doAppend(event("x"));
@@ -113,7 +109,7 @@ TEST_F(AppenderTest, WithoutFiltersArrayOrKnownFormatThereIsNoFormat) {
 
 TEST_F(AppenderTest, ConsoleWritesTheFormattedRecord) {
     std::ostringstream out;
-    ConsoleAppender appender(element("short", filters({})), out);
+    ConsoleAppender appender(element("short"), out);
     appender.doAppend(event("first", 2));
     appender.close();
     appender.doAppend(event("after close"));
@@ -124,9 +120,9 @@ TEST_F(AppenderTest, RegistryKeepsTheFirstOfOneNameAndDeletesTheOther) {
     bool firstGone = false;
     bool secondGone = false;
     bool otherGone = false;
-    auto* first = new ProbeAppender(element("terse", filters({}), "a"), &firstGone);
-    auto* second = new ProbeAppender(element("terse", filters({}), "a"), &secondGone);
-    auto* other = new ProbeAppender(element("long", filters({}), "a"), &otherGone);
+    auto* first = new ProbeAppender(element("terse", "", "a"), &firstGone);
+    auto* second = new ProbeAppender(element("terse", "", "a"), &secondGone);
+    auto* other = new ProbeAppender(element("long", "", "a"), &otherGone);
     EXPECT_EQ("probe-terse-a", first->getName());
 
     EXPECT_TRUE(Appender::AddAppender(first));
@@ -148,11 +144,10 @@ TEST_F(AppenderTest, RegistryKeepsTheFirstOfOneNameAndDeletesTheOther) {
     EXPECT_TRUE(otherGone);
     EXPECT_TRUE(Appender::GetAppenderMap().empty());
     EXPECT_FALSE(Appender::IsRegistered("probe-terse-a"));
-}
 
-TEST_F(AppenderTest, DestroyedAppenderLeavesTheRegistry) {
+    // An appender deleted by its owner leaves the registry too.
     bool gone = false;
-    auto* probe = new ProbeAppender(element("terse", filters({}), "b"), &gone);
+    auto* probe = new ProbeAppender(element("terse", "", "b"), &gone);
     ASSERT_TRUE(Appender::AddAppender(probe));
     delete probe;
     EXPECT_TRUE(Appender::GetAppenderMap().empty());
@@ -163,12 +158,12 @@ TEST_F(AppenderTest, FileAppenderTruncatesOrAppends) {
     const std::string path = dir.file("agent.log");
     ZelTest::WriteFile(path, "earlier\n");
     {
-        FileAppender appender(element("terse", filters({})), path, true, 0644);
+        FileAppender appender(element("terse"), path, true, 0644);
         appender.doAppend(event("kept"));
     }
     EXPECT_EQ("earlier\nkept\n", ZelTest::ReadFile(path));
     {
-        FileAppender appender(element("terse", filters({})), path, false, 0644);
+        FileAppender appender(element("terse"), path, false, 0644);
         EXPECT_EQ("", ZelTest::ReadFile(path));
         appender.doAppend(event("fresh"));
         appender.close();
@@ -178,19 +173,17 @@ TEST_F(AppenderTest, FileAppenderTruncatesOrAppends) {
 
     const std::string created = dir.file("created.log");
     mode_t old = umask(022);
-    { FileAppender appender(element("terse", filters({})), created, false, 0644); }
+    { FileAppender appender(element("terse"), created, false, 0644); }
     umask(old);
     struct stat info {};
     ASSERT_EQ(0, stat(created.c_str(), &info));
     EXPECT_EQ(0644u, info.st_mode & 0777);
-}
 
-TEST_F(AppenderTest, UnopenableFileDropsRecordsSilently) {
-    ZelTest::TempDir dir;
-    FileAppender appender(element("terse", filters({})), dir.file("missing/agent.log"), true, 0644);
-    EXPECT_EQ(-1, appender.getDescriptor());
-    appender.doAppend(event("lost"));
-    appender.close();
+    // A file that cannot be opened drops records silently.
+    FileAppender lost(element("terse"), dir.file("missing/agent.log"), true, 0644);
+    EXPECT_EQ(-1, lost.getDescriptor());
+    lost.doAppend(event("lost"));
+    lost.close();
 }
 
 TEST_F(AppenderTest, SyslogPriorityRule) {

@@ -45,82 +45,84 @@ unsigned length(const std::string& text) {
     return static_cast<unsigned>(text.length());
 }
 
+bool VerifyRS512(const std::string& cert, const std::string& message, const std::string& sig) {
+    return RsaUtil::VerifyRS512(cert, raw(message), length(message), raw(sig), length(sig));
+}
+
+bool Decrypt(const std::string& key, const char* password, const std::string& cipher,
+             std::string& out) {
+    return RsaUtil::Decrypt(key.c_str(), password, raw(cipher), length(cipher), out);
+}
+
 // Keys and certificates made once with the openssl command:
 //   root CA -> intermediate CA -> leaf "device.example.com" (RSA),
 //   an unrelated root, an EC certificate, and a pass-phrase protected RSA key.
-class Pki {
-public:
-    Pki() {
-        WriteConfig();
-        ok_ = Run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out root.key") &&
-              Run("req -x509 -new -config pki.cnf -extensions ca -key root.key"
-                  " -subj /CN=Test\\ Root -days 30 -sha256 -out root.pem") &&
-              Run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out int.key") &&
-              Run("req -new -config pki.cnf -key int.key -subj /CN=Test\\ Intermediate"
-                  " -out int.csr") &&
-              Run("x509 -req -in int.csr -CA root.pem -CAkey root.key -set_serial 2 -days 30"
-                  " -sha256 -extfile pki.cnf -extensions ca -out int.pem") &&
-              Run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out leaf.key") &&
-              Run("req -new -config pki.cnf -key leaf.key -subj /CN=device.example.com/O=Zel"
-                  " -out leaf.csr") &&
-              Run("x509 -req -in leaf.csr -CA int.pem -CAkey int.key -set_serial 3 -days 30"
-                  " -sha256 -extfile pki.cnf -extensions leaf -out leaf.pem") &&
-              Run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out other.key") &&
-              Run("req -x509 -new -config pki.cnf -extensions ca -key other.key"
-                  " -subj /CN=Other\\ Root -days 30 -sha256 -out other.pem") &&
-              Run("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key") &&
-              Run("req -x509 -new -config pki.cnf -extensions leaf -key ec.key"
-                  " -subj /CN=ec.example.com -days 30 -sha256 -out ec.pem") &&
-              Run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -aes-128-cbc"
-                  " -pass pass:open\\ sesame -out locked.key") &&
-              Run("pkey -in locked.key -passin pass:open\\ sesame -pubout -out locked.pub");
+class CryptoTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        dir_ = new ZelTest::TempDir();
+        write("pki.cnf", R"([req]
+distinguished_name = dn
+[dn]
+[ca]
+basicConstraints = critical,CA:TRUE
+keyUsage = critical,keyCertSign,cRLSign
+subjectKeyIdentifier = hash
+[leaf]
+basicConstraints = critical,CA:FALSE
+keyUsage = critical,digitalSignature,keyEncipherment
+subjectKeyIdentifier = hash
+)");
+        const std::string rsa = "genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 ";
+        const std::string ca = "req -x509 -new -config pki.cnf -extensions ca -days 30 -sha256 ";
+        const std::string sign = "x509 -req -days 30 -sha256 -extfile pki.cnf ";
+        const std::vector<std::string> commands = {
+            rsa + "-out root.key",
+            ca + "-key root.key -subj /CN=Test\\ Root -out root.pem",
+            rsa + "-out int.key",
+            "req -new -config pki.cnf -key int.key -subj /CN=Test\\ Intermediate -out int.csr",
+            sign +
+                "-in int.csr -CA root.pem -CAkey root.key -set_serial 2 -extensions ca"
+                " -out int.pem",
+            rsa + "-out leaf.key",
+            "req -new -config pki.cnf -key leaf.key -subj /CN=device.example.com/O=Zel"
+            " -out leaf.csr",
+            sign +
+                "-in leaf.csr -CA int.pem -CAkey int.key -set_serial 3 -extensions leaf"
+                " -out leaf.pem",
+            rsa + "-out other.key",
+            ca + "-key other.key -subj /CN=Other\\ Root -out other.pem",
+            "genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key",
+            "req -x509 -new -config pki.cnf -extensions leaf -key ec.key"
+            " -subj /CN=ec.example.com -days 30 -sha256 -out ec.pem",
+            rsa + "-aes-128-cbc -pass pass:open\\ sesame -out locked.key",
+            "pkey -in locked.key -passin pass:open\\ sesame -pubout -out locked.pub"};
+        for (const std::string& args : commands) {
+            if (!Run(args)) {
+                failed_ = args;
+                return;
+            }
+        }
     }
+    static void TearDownTestSuite() {
+        delete dir_;
+        dir_ = nullptr;
+    }
+    void SetUp() override { ASSERT_EQ("", failed_) << "openssl could not make the test PKI"; }
 
-    bool ok() const { return ok_; }
-    std::string path(const std::string& name) const { return dir_.file(name); }
-    std::string read(const std::string& name) const { return ZelTest::ReadFile(path(name)); }
-    void write(const std::string& name, const std::string& content) const {
-        ZelTest::WriteFile(path(name), content);
+    static std::string read(const std::string& name) { return ZelTest::ReadFile(dir_->file(name)); }
+    static void write(const std::string& name, const std::string& content) {
+        ZelTest::WriteFile(dir_->file(name), content);
     }
     // Runs openssl with `args` inside the directory; false on failure.
-    bool Run(const std::string& args) const {
-        std::string command = "cd '" + dir_.path() + "' && openssl " + args + " >/dev/null 2>&1";
+    static bool Run(const std::string& args) {
+        std::string command = "cd '" + dir_->path() + "' && openssl " + args + " >/dev/null 2>&1";
         return std::system(command.c_str()) == 0;
     }
 
-private:
-    void WriteConfig() {
-        write("pki.cnf",
-              "[req]\n"
-              "distinguished_name = dn\n"
-              "[dn]\n"
-              "[ca]\n"
-              "basicConstraints = critical,CA:TRUE\n"
-              "keyUsage = critical,keyCertSign,cRLSign\n"
-              "subjectKeyIdentifier = hash\n"
-              "[leaf]\n"
-              "basicConstraints = critical,CA:FALSE\n"
-              "keyUsage = critical,digitalSignature,keyEncipherment\n"
-              "subjectKeyIdentifier = hash\n");
-    }
-
-    ZelTest::TempDir dir_;
-    bool ok_ = false;
+    static inline ZelTest::TempDir* dir_ = nullptr;
+    static inline std::string failed_;
 };
-
-class CryptoTest : public testing::Test {
-protected:
-    static void SetUpTestSuite() { pki_ = new Pki(); }
-    static void TearDownTestSuite() {
-        delete pki_;
-        pki_ = nullptr;
-    }
-    void SetUp() override { ASSERT_TRUE(pki_->ok()) << "openssl could not make the test PKI"; }
-
-    static Pki* pki_;
-};
-
-Pki* CryptoTest::pki_ = nullptr;
 
 }  // namespace
 
@@ -179,7 +181,7 @@ TEST(RandomUtilTest, BytesAndFailures) {
 
 TEST_F(CryptoTest, CommonName) {
     std::string cn;
-    ASSERT_TRUE(X509Util::GetCommonName(pki_->read("leaf.pem"), cn));
+    ASSERT_TRUE(X509Util::GetCommonName(read("leaf.pem"), cn));
     EXPECT_EQ("device.example.com", cn);
 
     ZelTest::LogCapture capture;
@@ -191,16 +193,16 @@ TEST_F(CryptoTest, CommonName) {
 
     // A certificate without a common name.
     ASSERT_TRUE(
-        pki_->Run("req -x509 -new -config pki.cnf -extensions leaf -key leaf.key"
-                  " -subj /O=Nameless -days 1 -out nameless.pem"));
-    EXPECT_FALSE(X509Util::GetCommonName(pki_->read("nameless.pem"), cn));
+        Run("req -x509 -new -config pki.cnf -extensions leaf -key leaf.key"
+            " -subj /O=Nameless -days 1 -out nameless.pem"));
+    EXPECT_FALSE(X509Util::GetCommonName(read("nameless.pem"), cn));
 }
 
 TEST_F(CryptoTest, ChainVerification) {
-    const std::string leaf = pki_->read("leaf.pem");
-    const std::string root = pki_->read("root.pem");
-    const std::string intermediate = pki_->read("int.pem");
-    const std::string other = pki_->read("other.pem");
+    const std::string leaf = read("leaf.pem");
+    const std::string root = read("root.pem");
+    const std::string intermediate = read("int.pem");
+    const std::string other = read("other.pem");
 
     EXPECT_TRUE(X509Util::VerifyChain(leaf, root + intermediate));
     EXPECT_TRUE(X509Util::VerifyChain(leaf, intermediate + other + root));
@@ -223,40 +225,29 @@ TEST_F(CryptoTest, ChainVerification) {
 
 TEST_F(CryptoTest, SignatureRS512) {
     const std::string message = "{\"alg\":\"RS512\"}.{\"sub\":\"update\"}";
-    pki_->write("message.bin", message);
-    ASSERT_TRUE(pki_->Run("dgst -sha512 -sign leaf.key -out message.sig message.bin"));
-    const std::string sig = pki_->read("message.sig");
-    const std::string leaf = pki_->read("leaf.pem");
-
-    EXPECT_TRUE(RsaUtil::VerifyRS512(leaf, raw(message), length(message), raw(sig), length(sig)));
+    write("message.bin", message);
+    ASSERT_TRUE(Run("dgst -sha512 -sign leaf.key -out message.sig message.bin"));
+    // The same key with PSS padding is another scheme.
+    ASSERT_TRUE(
+        Run("dgst -sha512 -sign leaf.key -sigopt rsa_padding_mode:pss -out pss.sig"
+            " message.bin"));
+    ASSERT_TRUE(Run("dgst -sha512 -sign ec.key -out ec.sig message.bin"));
+    const std::string sig = read("message.sig");
+    const std::string leaf = read("leaf.pem");
+    EXPECT_TRUE(VerifyRS512(leaf, message, sig));
 
     ZelTest::LogCapture capture;
     std::string badSig = sig;
     badSig[badSig.length() / 2] ^= 0x01;
-    EXPECT_FALSE(
-        RsaUtil::VerifyRS512(leaf, raw(message), length(message), raw(badSig), length(badSig)));
+    EXPECT_FALSE(VerifyRS512(leaf, message, badSig));
     std::string badMessage = message;
     badMessage[3] ^= 0x01;
-    EXPECT_FALSE(
-        RsaUtil::VerifyRS512(leaf, raw(badMessage), length(badMessage), raw(sig), length(sig)));
-    EXPECT_FALSE(RsaUtil::VerifyRS512(pki_->read("int.pem"), raw(message), length(message),
-                                      raw(sig), length(sig)));
-    EXPECT_TRUE(capture.contains("ERROR: error:02000068:rsa routines::bad signature"))
-        << capture.messages().size();
-
-    // The same key with PSS padding is another scheme.
-    ASSERT_TRUE(
-        pki_->Run("dgst -sha512 -sign leaf.key -sigopt rsa_padding_mode:pss"
-                  " -out pss.sig message.bin"));
-    std::string pssSig = pki_->read("pss.sig");
-    EXPECT_FALSE(
-        RsaUtil::VerifyRS512(leaf, raw(message), length(message), raw(pssSig), length(pssSig)));
-
+    EXPECT_FALSE(VerifyRS512(leaf, badMessage, sig));
+    EXPECT_FALSE(VerifyRS512(read("int.pem"), message, sig));
+    EXPECT_TRUE(capture.contains("ERROR: error:02000068:rsa routines::bad signature"));
+    EXPECT_FALSE(VerifyRS512(leaf, message, read("pss.sig")));
     // An EC certificate is not an RS512 key, even with a valid ECDSA signature.
-    ASSERT_TRUE(pki_->Run("dgst -sha512 -sign ec.key -out ec.sig message.bin"));
-    std::string ecSig = pki_->read("ec.sig");
-    EXPECT_FALSE(RsaUtil::VerifyRS512(pki_->read("ec.pem"), raw(message), length(message),
-                                      raw(ecSig), length(ecSig)));
+    EXPECT_FALSE(VerifyRS512(read("ec.pem"), message, read("ec.sig")));
 }
 
 TEST_F(CryptoTest, OaepDecrypt) {
@@ -265,31 +256,26 @@ TEST_F(CryptoTest, OaepDecrypt) {
     for (int i = 0; i < 44; ++i) {
         secret.push_back(static_cast<char>(i * 37 + 5));
     }
-    pki_->write("secret.bin", secret);
-    ASSERT_TRUE(
-        pki_->Run("pkeyutl -encrypt -certin -inkey leaf.pem"
-                  " -pkeyopt rsa_padding_mode:oaep -in secret.bin -out secret.enc"));
-    const std::string cipher = pki_->read("secret.enc");
-    const std::string key = pki_->read("leaf.key");
+    write("secret.bin", secret);
+    const std::string encrypt = "pkeyutl -encrypt -certin -inkey leaf.pem -in secret.bin ";
+    ASSERT_TRUE(Run(encrypt + "-pkeyopt rsa_padding_mode:oaep -out secret.enc"));
+    ASSERT_TRUE(Run(encrypt + "-pkeyopt rsa_padding_mode:pkcs1 -out secret.v15"));
+    const std::string cipher = read("secret.enc");
+    const std::string key = read("leaf.key");
 
     std::string out;
-    ASSERT_TRUE(RsaUtil::Decrypt(key.c_str(), nullptr, raw(cipher), length(cipher), out));
+    ASSERT_TRUE(Decrypt(key, nullptr, cipher, out));
     EXPECT_EQ(secret, out);
 
     ZelTest::LogCapture capture;
     std::string flipped = cipher;
     flipped[17] ^= 0x80;
-    EXPECT_FALSE(RsaUtil::Decrypt(key.c_str(), nullptr, raw(flipped), length(flipped), out));
+    EXPECT_FALSE(Decrypt(key, nullptr, flipped, out));
     EXPECT_TRUE(out.empty());
     // Another key cannot open it.
-    std::string otherKey = pki_->read("other.key");
-    EXPECT_FALSE(RsaUtil::Decrypt(otherKey.c_str(), nullptr, raw(cipher), length(cipher), out));
+    EXPECT_FALSE(Decrypt(read("other.key"), nullptr, cipher, out));
     // PKCS #1 v1.5 padding is not accepted in place of OAEP.
-    ASSERT_TRUE(
-        pki_->Run("pkeyutl -encrypt -certin -inkey leaf.pem"
-                  " -pkeyopt rsa_padding_mode:pkcs1 -in secret.bin -out secret.v15"));
-    std::string v15 = pki_->read("secret.v15");
-    EXPECT_FALSE(RsaUtil::Decrypt(key.c_str(), nullptr, raw(v15), length(v15), out));
+    EXPECT_FALSE(Decrypt(key, nullptr, read("secret.v15"), out));
     for (const std::string& message : capture.messages()) {
         EXPECT_EQ(0u, message.rfind("ERROR: error:", 0)) << message;
     }
@@ -297,20 +283,20 @@ TEST_F(CryptoTest, OaepDecrypt) {
 
 TEST_F(CryptoTest, OaepDecryptWithPassPhrase) {
     const std::string secret = "sixteen byte key";
-    pki_->write("short.bin", secret);
+    write("short.bin", secret);
     ASSERT_TRUE(
-        pki_->Run("pkeyutl -encrypt -pubin -inkey locked.pub"
-                  " -pkeyopt rsa_padding_mode:oaep -in short.bin -out short.enc"));
-    const std::string cipher = pki_->read("short.enc");
-    const std::string key = pki_->read("locked.key");
+        Run("pkeyutl -encrypt -pubin -inkey locked.pub -pkeyopt rsa_padding_mode:oaep"
+            " -in short.bin -out short.enc"));
+    const std::string cipher = read("short.enc");
+    const std::string key = read("locked.key");
 
     std::string out;
-    ASSERT_TRUE(RsaUtil::Decrypt(key.c_str(), "open sesame", raw(cipher), length(cipher), out));
+    ASSERT_TRUE(Decrypt(key, "open sesame", cipher, out));
     EXPECT_EQ(secret, out);
 
     ZelTest::LogCapture capture;
-    EXPECT_FALSE(RsaUtil::Decrypt(key.c_str(), "open sesam", raw(cipher), length(cipher), out));
+    EXPECT_FALSE(Decrypt(key, "open sesam", cipher, out));
     // Without a pass phrase the read fails instead of asking on a terminal.
-    EXPECT_FALSE(RsaUtil::Decrypt(key.c_str(), nullptr, raw(cipher), length(cipher), out));
+    EXPECT_FALSE(Decrypt(key, nullptr, cipher, out));
     EXPECT_EQ(2u, capture.messages().size());
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Core/Platform/Logger.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -20,18 +21,11 @@ protected:
 
     void initialize(const std::string& format, const std::string& service,
                     const std::string& category, const std::string& severity) {
-        Json::Value filter;
-        filter["service"] = service;
-        filter["category"] = category;
-        filter["severity"] = severity;
-        Json::Value element;
-        element["type"] = "file";
-        element["argument"] = path_;
-        element["append"] = true;
-        element["format"] = format;
-        element["filters"].append(filter);
-        Json::Value loggers(Json::arrayValue);
-        loggers.append(element);
+        Json::Value loggers = ZelTest::LogCapture::LoggersConfig(path_, severity);
+        loggers[0]["format"] = format;
+        loggers[0]["filters"].resize(1);
+        loggers[0]["filters"][0]["service"] = service;
+        loggers[0]["filters"][0]["category"] = category;
         Logger::Instance().initialize(loggers);
     }
 

@@ -98,18 +98,16 @@ void AddHandlers(ZelCloud::TlsServer& server, std::atomic<int>& hits, Gate* gate
 
 Json::Value ParseJson(const std::string& text) {
     Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+    Json::Reader().parse(text, value);
     return value;
 }
 
-// The identity document with some fields replaced.
-std::string IdentityWith(const std::string& identity, const Json::Value& changes) {
+// The identity document with the fields of `changes` (JSON text) replaced.
+std::string IdentityWith(const std::string& identity, const std::string& changes) {
     Json::Value document = ParseJson(identity);
-    for (const std::string& name : changes.getMemberNames()) {
-        document[name] = changes[name];
+    Json::Value replaced = ParseJson(changes);
+    for (const std::string& name : replaced.getMemberNames()) {
+        document[name] = replaced[name];
     }
     return Json::FastWriter().write(document);
 }
@@ -184,20 +182,27 @@ protected:
         return request;
     }
 
-    static ZelCloud::TlsServer* server_;
-    static const ZelTest::Pki* pki_;
-    static ProductIdentity* identity_;
-    static std::atomic<int> hits_;
-    static Gate gate_;
-    static std::string setUpError_;
-};
+    // A one-off GET that must fail before any handler of ours runs; returns the
+    // failure `capture` logged.
+    static std::string Refused(const ZelTest::LogCapture& capture, const ProductIdentity* identity,
+                               int port = 0) {
+        int before = hits_;
+        Http::Request request = MakeRequest("/api/v1/whoami", port);
+        request.identity = identity;
+        Http::Response response;
+        EXPECT_FALSE(Http::Perform(request, response));
+        Http::Cleanup(request);
+        EXPECT_EQ(hits_, before);
+        return PerformFailure(capture);
+    }
 
-ZelCloud::TlsServer* HttpTest::server_ = nullptr;
-const ZelTest::Pki* HttpTest::pki_ = nullptr;
-ProductIdentity* HttpTest::identity_ = nullptr;
-std::atomic<int> HttpTest::hits_{0};
-Gate HttpTest::gate_;
-std::string HttpTest::setUpError_;
+    static inline ZelCloud::TlsServer* server_ = nullptr;
+    static inline const ZelTest::Pki* pki_ = nullptr;
+    static inline ProductIdentity* identity_ = nullptr;
+    static inline std::atomic<int> hits_{0};
+    static inline Gate gate_;
+    static inline std::string setUpError_;
+};
 
 TEST_F(HttpTest, ExchangesWithTheDeviceCertificate) {
     ZelTest::LogCapture capture;
@@ -305,119 +310,88 @@ TEST_F(HttpTest, ReusableRequestKeepsItsConnection) {
     Http::Cleanup(request);
 }
 
-TEST_F(HttpTest, RefusesServerWithoutGoodOcspStatus) {
-    for (bool revoked : {false, true}) {
-        SCOPED_TRACE(revoked ? "revoked" : "no response");
-        ZelTest::LogCapture capture;
-        if (revoked) {
-            ASSERT_TRUE(server_->loadOcspResponse(pki_->file("server-revoked.ocsp.der")));
-        } else {
-            server_->setOcspResponse(std::string());
-        }
-        int before = hits_;
-        Http::Request request = MakeRequest("/api/v1/whoami");
-        Http::Response response;
-        EXPECT_FALSE(Http::Perform(request, response));
-        EXPECT_EQ(PerformFailure(capture),
-                  "curl_easy_perform() failed with code 91 - \"SSL server certificate status "
-                  "verification FAILED\"");
-        EXPECT_NE(Logged(capture, revoked ? "* SSL certificate revocation reason"
-                                          : "* No OCSP response received"),
-                  "");
-        EXPECT_EQ(hits_, before);
-    }
-}
-
-TEST_F(HttpTest, RefusesServerFromAnotherCaOrForAnotherHost) {
-    for (const char* name : {"other-server", "wrong-host"}) {
-        SCOPED_TRACE(name);
+TEST_F(HttpTest, RefusesServersThatFailVerification) {
+    const std::string kStatus =
+        "curl_easy_perform() failed with code 91 - \"SSL server certificate status verification "
+        "FAILED\"";
+    const std::string kPeer =
+        "curl_easy_perform() failed with code 60 - \"SSL peer certificate or SSH remote key was "
+        "not OK\"";
+    const struct {
+        std::string name;  // the other server's certificate, or the OCSP answer of ours
+        bool other;
+        std::string failure;
+        std::string logged;
+    } cases[] = {
+        {"", false, kStatus, "* No OCSP response received"},
+        {"server-revoked.ocsp.der", false, kStatus, "* SSL certificate revocation reason"},
+        {"other-server", true, kPeer, "* SSL certificate problem: "},
+        {"wrong-host", true, kPeer, "* SSL: no alternative certificate subject name"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.logged);
         std::atomic<int> hits{0};
         ZelCloud::TlsServer other;
-        AddHandlers(other, hits, nullptr);
-        ASSERT_TRUE(other.start(pki_->serverConfig(name, std::string(name) + ".ocsp.der")))
-            << other.error();
-        ZelTest::LogCapture capture;
-        Http::Request request = MakeRequest("/api/v1/whoami", other.port());
-        Http::Response response;
-        EXPECT_FALSE(Http::Perform(request, response));
-        EXPECT_EQ(PerformFailure(capture),
-                  "curl_easy_perform() failed with code 60 - \"SSL peer certificate or SSH "
-                  "remote key was not OK\"");
-        if (std::string(name) == "wrong-host") {
-            EXPECT_NE(Logged(capture, "* SSL: no alternative certificate subject name"), "");
+        if (c.other) {
+            AddHandlers(other, hits, nullptr);
+            ASSERT_TRUE(other.start(pki_->serverConfig(c.name, c.name + ".ocsp.der")))
+                << other.error();
+        } else if (c.name.empty()) {
+            server_->setOcspResponse(std::string());
+        } else {
+            ASSERT_TRUE(server_->loadOcspResponse(pki_->file(c.name)));
         }
+        ZelTest::LogCapture capture;
+        EXPECT_EQ(Refused(capture, identity_, c.other ? other.port() : 0), c.failure);
+        EXPECT_NE(Logged(capture, c.logged), "");
         EXPECT_EQ(hits, 0);
     }
 }
 
 TEST_F(HttpTest, FailsWithoutAUsableIdentity) {
     const std::string document = pki_->identityJson();
-    Json::Value wrongPassword;
-    wrongPassword["password"] = "not the pass phrase";
-    Json::Value foreignKey;  // a valid key, but not the certificate's
-    foreignKey["key"] = Zel::Core::Base64Util::Encode(ZelTest::ReadFile(pki_->file("ca.key")));
-    foreignKey["password"] = "";
-    Json::Value noTrust;
-    noTrust["trust"] = "";
-    Json::Value garbageCert;
-    garbageCert["cert"] = "bm90IGEgY2VydGlmaWNhdGU=";  // "not a certificate"
-
-    struct Case {
-        std::string name;
+    // A valid key, but not the certificate's.
+    const std::string foreignKey =
+        Zel::Core::Base64Util::Encode(ZelTest::ReadFile(pki_->file("ca.key")));
+    const struct {
         std::string identity;
-        bool noIdentity;
         int code;
         std::string reason;
-    };
-    const std::vector<Case> cases = {
-        {"wrong password", IdentityWith(document, wrongPassword), false, 58,
+    } cases[] = {
+        {IdentityWith(document, R"({"password": "not the pass phrase"})"), 58,
          "Cannot read the private key: "},
-        {"foreign key", IdentityWith(document, foreignKey), false, 58,
+        {IdentityWith(document, R"({"password": "", "key": ")" + foreignKey + "\"}"), 58,
          "Cannot use the private key: "},
-        {"no trust", IdentityWith(document, noTrust), false, 77,
-         "No certificate in the trust chain"},
-        {"garbage certificate", IdentityWith(document, garbageCert), false, 58,
+        {IdentityWith(document, R"({"trust": ""})"), 77, "No certificate in the trust chain"},
+        // "not a certificate"
+        {IdentityWith(document, R"({"cert": "bm90IGEgY2VydGlmaWNhdGU="})"), 58,
          "Cannot read the client certificate: "},
-        {"no identity", "", true, 58, "No product identity for the TLS connection"},
+        {"", 58, "No product identity for the TLS connection"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
         ZelTest::LogCapture capture;
         ProductIdentity identity(c.identity.c_str());
-        int before = hits_;
-        Http::Request request = MakeRequest("/api/v1/whoami");
-        request.identity = c.noIdentity ? nullptr : &identity;
-        Http::Response response;
-        EXPECT_FALSE(Http::Perform(request, response));
-        EXPECT_EQ(PerformFailure(capture).rfind(
-                      "curl_easy_perform() failed with code " + std::to_string(c.code) + " - ", 0),
-                  0u)
-            << PerformFailure(capture);
+        EXPECT_EQ(
+            Refused(capture, c.identity.empty() ? nullptr : &identity)
+                .rfind("curl_easy_perform() failed with code " + std::to_string(c.code) + " - ", 0),
+            0u);
         EXPECT_NE(Logged(capture, c.reason), "");
-        EXPECT_EQ(hits_, before);
     }
 }
 
 TEST_F(HttpTest, NoTransferWhileTheClockIsBad) {
     ZelTest::LogCapture capture;
-    TimeManager::Instance().setClock([] {
-        timespec at{};
-        at.tv_sec = TimeManager::kGoodTimeThreshold;
-        return at;
-    });
-    int before = hits_;
-    Http::Request request = MakeRequest("/api/v1/whoami");
-    Http::Response response;
-    EXPECT_FALSE(Http::Perform(request, response));
+    TimeManager::Instance().setClock([] { return timespec{TimeManager::kGoodTimeThreshold, 0}; });
+    Refused(capture, identity_);
     EXPECT_TRUE(capture.contains("curl_easy_perform() skipped because time is bad!"));
     EXPECT_FALSE(capture.contains("curl_easy_init()"));
-    EXPECT_EQ(hits_, before);
 
     TimeManager::Instance().setClock([] {
-        timespec at{};
-        at.tv_sec = TimeManager::kGoodTimeThreshold + 1;
-        return at;
+        return timespec{TimeManager::kGoodTimeThreshold + 1, 0};
     });
+    Http::Request request = MakeRequest("/api/v1/whoami");
+    Http::Response response;
     EXPECT_TRUE(Http::Perform(request, response)) << PerformFailure(capture);
     Http::Cleanup(request);
 }

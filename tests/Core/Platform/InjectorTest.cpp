@@ -20,10 +20,7 @@ namespace {
 
 Json::Value ParseJson(const std::string& text) {
     Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << errors;
+    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
     return value;
 }
 

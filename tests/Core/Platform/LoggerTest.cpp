@@ -19,35 +19,25 @@ constexpr const char* kLogSource = "Platform/LoggerTest";
 
 using namespace Zel::Core;
 
-Json::Value filter(const std::string& service, const std::string& category,
-                   const std::string& severity) {
-    Json::Value entry;
-    entry["service"] = service;
-    entry["category"] = category;
-    entry["severity"] = severity;
-    return entry;
-}
-
+// A file element; `filters` lists "service/category/severity" entries.
 Json::Value fileElement(const std::string& path, const std::string& format,
-                        std::initializer_list<Json::Value> filterList, bool append = true) {
+                        const std::string& filters, bool append = true) {
     Json::Value element;
     element["type"] = "file";
     element["argument"] = path;
     element["append"] = append;
     element["format"] = format;
     element["filters"] = Json::Value(Json::arrayValue);
-    for (const Json::Value& entry : filterList) {
-        element["filters"].append(entry);
+    std::istringstream in(filters);
+    for (std::string entry; in >> entry;) {
+        const size_t first = entry.find('/');
+        const size_t last = entry.rfind('/');
+        Json::Value& filter = element["filters"].append(Json::Value());
+        filter["service"] = entry.substr(0, first);
+        filter["category"] = entry.substr(first + 1, last - first - 1);
+        filter["severity"] = entry.substr(last + 1);
     }
     return element;
-}
-
-Json::Value array(std::initializer_list<Json::Value> elements) {
-    Json::Value list(Json::arrayValue);
-    for (const Json::Value& element : elements) {
-        list.append(element);
-    }
-    return list;
 }
 
 std::vector<std::string> lines(const std::string& path) {
@@ -70,7 +60,13 @@ protected:
     void SetUp() override { Logger::Instance().terminate(); }
     void TearDown() override { Logger::Instance().terminate(); }
 
-    void initialize(Json::Value loggers) { Logger::Instance().initialize(loggers); }
+    static void initialize(std::initializer_list<Json::Value> elements) {
+        Json::Value loggers(Json::arrayValue);
+        for (const Json::Value& element : elements) {
+            loggers.append(element);
+        }
+        Logger::Instance().initialize(loggers);
+    }
 
     ZelTest::TempDir dir_;
     std::string path_ = dir_.file("agent.log");
@@ -86,13 +82,13 @@ TEST_F(LoggerTest, NothingIsLoggedBeforeInitializeOrWithAnEmptyArray) {
     logger.initialize(object);
     EXPECT_FALSE(logger.test(0, 0, 1));
 
-    initialize(Json::Value(Json::arrayValue));
+    initialize({});
     // Already initialized (with nothing): a second configuration is ignored.
-    initialize(array({fileElement(path_, "terse", {filter("core", "state", "trace")})}));
+    initialize({fileElement(path_, "terse", "core/state/trace")});
     EXPECT_FALSE(logger.test(0, 0, 1));
 
     logger.terminate();
-    initialize(array({fileElement(path_, "terse", {filter("core", "state", "trace")})}));
+    initialize({fileElement(path_, "terse", "core/state/trace")});
     EXPECT_TRUE(logger.test(0, 0, 1));
     logger.log("f", 1, "fn", 0, 0, 1, "after %s", "initialize");
     EXPECT_EQ("after initialize\n", ZelTest::ReadFile(path_));
@@ -105,10 +101,8 @@ TEST_F(LoggerTest, NothingIsLoggedBeforeInitializeOrWithAnEmptyArray) {
 
 TEST_F(LoggerTest, FiltersDecideWhatEachAppenderWrites) {
     const std::string other = dir_.file("other.log");
-    initialize(array({fileElement(path_, "terse",
-                                  {filter("core", "state", "info"), filter("sv", "flow", "trace"),
-                                   filter("su", "webservice", "disabled")}),
-                      fileElement(other, "short", {filter("su", "webservice", "error")})}));
+    initialize({fileElement(path_, "terse", "core/state/info sv/flow/trace su/webservice/disabled"),
+                fileElement(other, "short", "su/webservice/error")});
     Logger& logger = Logger::Instance();
     // A "disabled" entry does not hide another appender's wider one.
     EXPECT_TRUE(logger.test(ServiceSu, CategoryWebservice, SeverityError));
@@ -129,19 +123,18 @@ TEST_F(LoggerTest, FiltersDecideWhatEachAppenderWrites) {
 }
 
 TEST_F(LoggerTest, ElementsThatCannotLogAreDropped) {
-    Json::Value consoleWithoutFilters = fileElement("stdout", "short", {});
+    Json::Value consoleWithoutFilters = fileElement("stdout", "short", "");
     consoleWithoutFilters["type"] = "console";
     consoleWithoutFilters.removeMember("filters");
-    Json::Value consoleBadStream = consoleWithoutFilters;
-    consoleBadStream["argument"] = "stdlog";
-    consoleBadStream["filters"].append(filter("core", "state", "info"));
-    Json::Value unknownType = fileElement(path_, "short", {filter("core", "state", "info")});
+    Json::Value consoleBadStream = fileElement("stdlog", "short", "core/state/info");
+    consoleBadStream["type"] = "console";
+    Json::Value unknownType = fileElement(path_, "short", "core/state/info");
     unknownType["type"] = "socket";
-    Json::Value noArgument = fileElement("", "short", {filter("core", "state", "info")});
-    Json::Value badFormat = fileElement(path_, "json", {filter("core", "state", "info")});
+    Json::Value noArgument = fileElement("", "short", "core/state/info");
+    Json::Value badFormat = fileElement(path_, "json", "core/state/info");
 
-    initialize(array({consoleWithoutFilters, consoleBadStream, unknownType, noArgument, badFormat,
-                      Json::Value(7)}));
+    initialize({consoleWithoutFilters, consoleBadStream, unknownType, noArgument, badFormat,
+                Json::Value(7)});
     EXPECT_TRUE(Appender::GetAppenderMap().empty());
     EXPECT_FALSE(Logger::Instance().test(0, 0, 1));
 }
@@ -151,11 +144,10 @@ TEST_F(LoggerTest, RegistryKeysOrderAndDuplicates) {
     const std::string second = dir_.file("second.log");
     // Same type, format and argument as the first: the same key, even with
     // other filters and flags, so it is registered once (and truncates nothing).
-    Json::Value again = fileElement(path_, "terse", {filter("sv", "state", "trace")}, false);
+    Json::Value again = fileElement(path_, "terse", "sv/state/trace", false);
     // Two appenders on one file: records arrive in key order, terse after short.
-    initialize(array({fileElement(path_, "terse", {filter("core", "state", "info")}), again,
-                      fileElement(path_, "short", {filter("core", "state", "info")}),
-                      fileElement(second, "long", {})}));
+    initialize({fileElement(path_, "terse", "core/state/info"), again,
+                fileElement(path_, "short", "core/state/info"), fileElement(second, "long", "")});
     std::vector<std::string> keys;
     for (const auto& entry : Appender::GetAppenderMap()) {
         keys.push_back(entry.first);
@@ -171,7 +163,7 @@ TEST_F(LoggerTest, RegistryKeysOrderAndDuplicates) {
 }
 
 TEST_F(LoggerTest, LogCallCarriesSourceFunctionAndLongMessages) {
-    initialize(array({fileElement(path_, "test", {filter("drmp", "clibapi", "warning")})}));
+    initialize({fileElement(path_, "test", "drmp/clibapi/warning")});
     const std::string big(5000, 'z');
     int line = __LINE__ + 1;
     ZEL_LOG(ServiceDrmp, CategoryClibapi, SeverityWarning, "%s-%d", big.c_str(), 7);
@@ -189,8 +181,8 @@ TEST_F(LoggerTest, LogCallCarriesSourceFunctionAndLongMessages) {
 
 TEST_F(LoggerTest, JsonChannelWritesCompactRecordsAtTestInfo) {
     const std::string terse = dir_.file("terse.log");
-    initialize(array({fileElement(path_, "test", {filter("core", "test", "info")}),
-                      fileElement(terse, "terse", {filter("core", "test", "info")})}));
+    initialize({fileElement(path_, "test", "core/test/info"),
+                fileElement(terse, "terse", "core/test/info")});
     Json::Value record;
     record["coreEventQueued"]["event"] = "startsvsession";
     record["coreEventQueued"]["parameters"] = Json::Value(Json::objectValue);
@@ -213,9 +205,7 @@ TEST_F(LoggerTest, JsonChannelWritesCompactRecordsAtTestInfo) {
 
 // Every record must reach the file whole, whatever the interleaving of callers.
 TEST_F(LoggerTest, ConcurrentCallersWriteIntactLines) {
-    initialize(array({fileElement(path_, "long",
-                                  {filter("core", "state", "info"), filter("sv", "test", "info"),
-                                   filter("sv", "flow", "debug")})}));
+    initialize({fileElement(path_, "long", "core/state/info sv/test/info sv/flow/debug")});
     constexpr int kThreads = 6;
     constexpr int kRecords = 200;
     const std::string payload(300, 'p');
@@ -263,8 +253,9 @@ TEST_F(LoggerTest, ConcurrentCallersWriteIntactLines) {
 
 // Reconfiguring while others log: a record is either written whole or not at all.
 TEST_F(LoggerTest, TerminateAndInitializeWhileOthersLog) {
-    Json::Value loggers = array({fileElement(path_, "terse", {filter("core", "state", "info")})});
-    initialize(loggers);
+    Json::Value loggers(Json::arrayValue);
+    loggers.append(fileElement(path_, "terse", "core/state/info"));
+    Logger::Instance().initialize(loggers);
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t) {

@@ -1,6 +1,7 @@
 #include "Core/Platform/StringSetUtil.h"
 
 #include <gtest/gtest.h>
+#include <json/reader.h>
 
 using Zel::Core::StringSetUtil;
 using Set = std::set<std::string>;
@@ -28,13 +29,8 @@ TEST(StringSetUtilTest, JsonBothWays) {
     EXPECT_EQ("a", array[0].asString());
     EXPECT_EQ("b", array[1].asString());
 
-    Json::Value mixed(Json::arrayValue);
-    mixed.append("one");
-    mixed.append(2);
-    mixed.append(Json::Value(Json::nullValue));
-    mixed.append("one");
-    mixed.append(Json::Value(Json::objectValue));
-    mixed.append("three");
+    Json::Value mixed;
+    ASSERT_TRUE(Json::Reader().parse(R"(["one", 2, null, "one", {}, "three"])", mixed));
     Set set{"stale"};
     StringSetUtil::JsonArrayToStringSet(mixed, set);
     EXPECT_EQ((Set{"one", "three"}), set);

@@ -86,16 +86,14 @@ TEST(ThreadUtilTest, DetachedThreadIsCountedUntilItEnds) {
 }
 
 TEST(ThreadUtilTest, ThreadIdIsHandleBytesInHex) {
-    std::string id = ThreadUtil::GetThreadIdAsString();
-    pthread_t self = pthread_self();
-    unsigned char bytes[sizeof self];
-    std::memcpy(bytes, &self, sizeof self);
+    const pthread_t self = pthread_self();
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&self);
     std::string expected;
-    for (unsigned char byte : bytes) {
-        char hex[3];
-        std::snprintf(hex, sizeof hex, "%02x", byte);
-        expected += hex;
+    for (size_t i = 0; i < sizeof self; ++i) {
+        expected += "0123456789abcdef"[bytes[i] >> 4];
+        expected += "0123456789abcdef"[bytes[i] & 15];
     }
+    const std::string id = ThreadUtil::GetThreadIdAsString();
     EXPECT_EQ(expected, id);
 
     Thread thread;

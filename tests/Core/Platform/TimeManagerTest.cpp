@@ -49,41 +49,34 @@ TEST(TimeManagerTest, GoodTimeStartsOneSecondAfterThreshold) {
 }
 
 TEST(TimeManagerTest, DelayRuleEdges) {
-    timespec deadline{};
-
-    // No varied part: exactly the fixed delay, whatever r is.
-    ApplyDelayRule(at(100, 250000000), deadline, 5000, 0, 12345);
-    EXPECT_EQ(105, deadline.tv_sec);
-    EXPECT_EQ(250000000, deadline.tv_nsec);
-
-    // The extra part is shifted by one: r mod 1 = 0 still adds 1 ms, and
-    // 999 + 1 ms carries into a whole second.
-    ApplyDelayRule(at(100, 0), deadline, 999, 1, 0);
-    EXPECT_EQ(101, deadline.tv_sec);
-    EXPECT_EQ(0, deadline.tv_nsec);
-
-    // The bounds of 1500 + 1..1000 ms.
-    ApplyDelayRule(at(100, 0), deadline, 1500, 1000, 0);
-    EXPECT_EQ(1501000000LL, span(at(100, 0), deadline));
-    ApplyDelayRule(at(100, 0), deadline, 1500, 1000, 999);
-    EXPECT_EQ(2500000000LL, span(at(100, 0), deadline));
-    ApplyDelayRule(at(100, 0), deadline, 1500, 1000, UINT32_MAX);  // 4294967295 mod 1000 = 295
-    EXPECT_EQ(1796000000LL, span(at(100, 0), deadline));
-
-    // The last nanosecond of a second plus 1 ms lands in the next second.
-    ApplyDelayRule(at(100, 999999999), deadline, 1, 0, 0);
-    EXPECT_EQ(101, deadline.tv_sec);
-    EXPECT_EQ(999999, deadline.tv_nsec);
-
-    // A `now` that is itself not normalised needs the second carry.
-    ApplyDelayRule(at(100, 1500000000), deadline, 600, 0, 0);
-    EXPECT_EQ(102, deadline.tv_sec);
-    EXPECT_EQ(100000000, deadline.tv_nsec);
-
-    // The full range of varied does not overflow: extra = 4294967295 ms.
-    ApplyDelayRule(at(0, 0), deadline, 0, UINT32_MAX, UINT32_MAX - 1);
-    EXPECT_EQ(4294967, deadline.tv_sec);
-    EXPECT_EQ(295000000, deadline.tv_nsec);
+    const struct {
+        timespec now;
+        uint32_t fixed, varied, r;
+        time_t sec;
+        long nsec;
+    } rows[] = {
+        // No varied part: exactly the fixed delay, whatever r is.
+        {at(100, 250000000), 5000, 0, 12345, 105, 250000000},
+        // The extra part is shifted by one: r mod 1 = 0 still adds 1 ms, and
+        // 999 + 1 ms carries into a whole second.
+        {at(100, 0), 999, 1, 0, 101, 0},
+        // The bounds of 1500 + 1..1000 ms; 4294967295 mod 1000 = 295.
+        {at(100, 0), 1500, 1000, 0, 101, 501000000},
+        {at(100, 0), 1500, 1000, 999, 102, 500000000},
+        {at(100, 0), 1500, 1000, UINT32_MAX, 101, 796000000},
+        // The last nanosecond of a second plus 1 ms lands in the next second.
+        {at(100, 999999999), 1, 0, 0, 101, 999999},
+        // A `now` that is itself not normalised needs the second carry.
+        {at(100, 1500000000), 600, 0, 0, 102, 100000000},
+        // The full range of varied does not overflow: extra = 4294967295 ms.
+        {at(0, 0), 0, UINT32_MAX, UINT32_MAX - 1, 4294967, 295000000},
+    };
+    for (const auto& row : rows) {
+        timespec deadline{};
+        ApplyDelayRule(row.now, deadline, row.fixed, row.varied, row.r);
+        EXPECT_EQ(row.sec, deadline.tv_sec) << row.fixed << "/" << row.varied << " r " << row.r;
+        EXPECT_EQ(row.nsec, deadline.tv_nsec) << row.fixed << "/" << row.varied << " r " << row.r;
+    }
 }
 
 TEST(TimeManagerTest, DelayIsLogged) {

@@ -11,12 +11,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
 #include "support/LogCapture.h"
+#include "support/Pki.h"
 #include "support/TempDir.h"
 
 using korvane::KorvanePlugin;
@@ -41,39 +43,27 @@ std::string compact(const Json::Value& value) {
 }
 
 Json::Value parse(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << text;
-    return root;
+    Json::Value value;
+    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
+    return value;
 }
 
-// Sets an environment variable for one scope and puts the old state back.
+// Sets (or, given nullptr, unsets) an environment variable for one scope.
 class ScopedEnv {
 public:
     ScopedEnv(const char* name, const char* value) : name_(name) {
-        const char* old = std::getenv(name);
-        hadOld_ = old != nullptr;
-        old_ = hadOld_ ? old : "";
-        if (value != nullptr) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
+        if (const char* old = std::getenv(name)) {
+            old_ = old;
         }
+        set(value);
     }
-    ~ScopedEnv() {
-        if (hadOld_) {
-            setenv(name_, old_.c_str(), 1);
-        } else {
-            unsetenv(name_);
-        }
-    }
+    ~ScopedEnv() { set(old_ ? old_->c_str() : nullptr); }
 
 private:
+    void set(const char* value) { value != nullptr ? setenv(name_, value, 1) : unsetenv(name_); }
+
     const char* name_;
-    bool hadOld_;
-    std::string old_;
+    std::optional<std::string> old_;
 };
 
 bool keyOpensWith(const std::string& keyPem, const std::string& password) {
@@ -113,12 +103,9 @@ TEST_F(KorvanePluginTest, ProcessPluginComesFromTheOverride) {
 }
 
 TEST_F(KorvanePluginTest, PluginPasswordOpensTheDeviceKey) {
-    TempDir pki;
-    const std::string script = std::string(ZEL_SOURCE_DIR) + "/tools/pki/make-pki.sh";
-    ASSERT_EQ(0, std::system(("bash '" + script + "' '" + pki.path() +
-                              "' zel.localhost:18443 >/dev/null 2>&1")
-                                 .c_str()));
-    Json::Value document = parse(ZelTest::ReadFile(pki.file("identity.json")));
+    const ZelTest::Pki& pki = ZelTest::Pki::Get("zel.localhost:18443");
+    ASSERT_TRUE(pki.ok()) << pki.error();
+    Json::Value document = parse(pki.identityJson());
     const std::string passPhrase = document["password"].asString();
     ASSERT_FALSE(passPhrase.empty());
     document.removeMember("password");

@@ -9,14 +9,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <string>
 
 #include "Core/Platform/Http.h"
 #include "Core/Project/ProductIdentity.h"
-#include "support/TempDir.h"
+#include "support/Pki.h"
 
 namespace {
 
@@ -27,14 +26,8 @@ using namespace std::chrono_literals;
 constexpr auto kWait = 20s;  // only ever reached when something is broken
 
 Json::Value Parse(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
-        return Json::Value();
-    }
-    return value;
+    return Json::Reader().parse(text, value) ? value : Json::Value();
 }
 
 // The protocol itself, served without a network: what the TLS handler calls.
@@ -230,44 +223,32 @@ class CloudTlsTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         Zel::Core::Http::Initialize(true, true);
-        pki_ = new ZelTest::TempDir;
         // The port is part of the device certificate's name, so it is fixed first.
         port_ = FreePort();
         ASSERT_GT(port_, 0);
         instance_ = "zel.localhost:" + std::to_string(port_);
-        std::string command = std::string("bash ") + ZEL_SOURCE_DIR + "/tools/pki/make-pki.sh " +
-                              pki_->path() + " " + instance_;
-        ASSERT_EQ(0, std::system(command.c_str()));
+        pki_ = &ZelTest::Pki::Get(instance_);
+        ASSERT_TRUE(pki_->ok()) << pki_->error();
     }
 
-    static void TearDownTestSuite() {
-        delete pki_;
-        pki_ = nullptr;
-        Zel::Core::Http::Terminate();
-    }
+    static void TearDownTestSuite() { Zel::Core::Http::Terminate(); }
 
-    static CloudOptions Options() {
+    void SetUp() override {
+        ASSERT_NE(nullptr, pki_);
         CloudOptions options;
         options.quiet = true;
         options.port = port_;
         options.controlPort = 0;
-        if (pki_ != nullptr) {
-            options.pkiDir = pki_->path();
-        }
-        return options;
-    }
-
-    void SetUp() override {
-        cloud_ = std::make_unique<Cloud>(Options());
+        options.pkiDir = pki_->dir();
+        cloud_ = std::make_unique<Cloud>(options);
         ASSERT_TRUE(cloud_->start()) << cloud_->error();
-        identity_ = std::make_unique<Zel::Core::ProductIdentity>(
-            ZelTest::ReadFile(pki_->file("identity.json")).c_str());
+        identity_ = std::make_unique<Zel::Core::ProductIdentity>(pki_->identityJson().c_str());
     }
 
     bool post(const std::string& call, const std::string& body, const std::string& token,
               Zel::Core::Http::Response& response) {
         Zel::Core::Http::Request request;
-        request.url = "https://FFFFFF0ACC-da." + instance_ + "/api/v1/da/" + call;
+        request.url = pki_->serviceUrl("da") + "/api/v1/da/" + call;
         request.verb = Zel::Core::Http::Verb::Post;
         request.body = body;
         request.headers = {"Accept: application/json", "Content-Type: application/json"};
@@ -282,16 +263,12 @@ protected:
         return ok;
     }
 
-    static ZelTest::TempDir* pki_;
-    static int port_;
-    static std::string instance_;
+    static inline const ZelTest::Pki* pki_ = nullptr;
+    static inline int port_ = 0;
+    static inline std::string instance_;
     std::unique_ptr<Cloud> cloud_;
     std::unique_ptr<Zel::Core::ProductIdentity> identity_;
 };
-
-ZelTest::TempDir* CloudTlsTest::pki_ = nullptr;
-int CloudTlsTest::port_ = 0;
-std::string CloudTlsTest::instance_;
 
 TEST_F(CloudTlsTest, ServesTheDeviceByItsCertificate) {
     Zel::Core::Http::Response response;
@@ -311,7 +288,7 @@ TEST_F(CloudTlsTest, ServesTheDeviceByItsCertificate) {
 
     ASSERT_TRUE(cloud_->waitForRequests(3, kWait));
     std::vector<ZelCloud::RecordedRequest> requests = cloud_->requests();
-    std::string cn = "FFFFFF0ACC." + instance_;
+    std::string cn = pki_->deviceCommonName();
     EXPECT_EQ(cn, requests[0].cn);
     EXPECT_EQ(token, requests[1].authorization);
     EXPECT_EQ(422, requests[2].status);
