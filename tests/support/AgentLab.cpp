@@ -1,7 +1,5 @@
 #include "support/AgentLab.h"
 
-#include <json/reader.h>
-#include <json/writer.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "Core/Platform/JsonUtil.h"
 #include "support/LogCapture.h"
 
 namespace ZelTest {
@@ -55,12 +54,6 @@ const LabPki& labPki() {
         return made;
     }();
     return *pki;
-}
-
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
 }
 
 }  // namespace
@@ -109,7 +102,7 @@ std::string AgentLab::config() const {
     document["core"]["persistentPath"] = dir_.path();
     document["core"]["temporaryPath"] = dir_.path();
     document["loggers"] = LogCapture::LoggersConfig(logPath_, "debug");
-    return compact(document);
+    return Zel::Core::JsonUtil::Compact(document);
 }
 
 const std::string& AgentLab::identity() const {
@@ -229,12 +222,7 @@ bool AgentLab::waitForLog(const std::string& message, size_t count,
 }
 
 Json::Value AgentLab::Parse(const std::string& text) {
-    Json::Value value;
-    Json::CharReaderBuilder reader;
-    std::string errors;
-    std::istringstream stream(text);
-    Json::parseFromStream(reader, stream, &value, &errors);
-    return value;
+    return ParseJson(text);
 }
 
 }  // namespace ZelTest

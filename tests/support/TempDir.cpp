@@ -1,5 +1,8 @@
 #include "support/TempDir.h"
 
+#include "Core/Platform/JsonUtil.h"
+
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -27,6 +30,15 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    if (!Zel::Core::JsonUtil::Parse(text, value)) {
+        ADD_FAILURE() << "not JSON: " << text;
+        return Json::Value();
+    }
+    return value;
 }
 
 void WriteFile(const std::string& path, const std::string& content) {

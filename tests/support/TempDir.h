@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <string>
 
 namespace ZelTest {
@@ -21,6 +23,8 @@ private:
 };
 
 std::string ReadFile(const std::string& path);
+// Parses a JSON text; a text that does not parse fails the running test and gives null.
+Json::Value ParseJson(const std::string& text);
 void WriteFile(const std::string& path, const std::string& content);
 
 }  // namespace ZelTest

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -16,6 +17,8 @@ using Zel::Core::CoreConfig;
 using ZelTest::LogCapture;
 using ZelTest::TempDir;
 
+using Zel::Core::JsonUtil;
+
 namespace {
 
 constexpr const char* kLogSource = "Base/CoreConfigTest";
@@ -23,12 +26,6 @@ constexpr const char* kLogSource = "Base/CoreConfigTest";
 std::string currentDirectory() {
     char buffer[1024];
     return getcwd(buffer, sizeof(buffer)) != nullptr ? buffer : "";
-}
-
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
 }
 
 // A configuration whose "core" section is `core` (JSON text).
@@ -139,13 +136,13 @@ TEST_F(CoreConfigTest, LoggersAreConfiguredOnlyWithCoreSection) {
 
     Json::Value withoutCore;
     withoutCore["loggers"] = LogCapture::LoggersConfig(path, "trace");
-    CoreConfig ignored(compact(withoutCore).c_str());
+    CoreConfig ignored(JsonUtil::Compact(withoutCore).c_str());
     logOneLine();
     EXPECT_EQ("", ZelTest::ReadFile(path));
 
     Json::Value withCore = withoutCore;
     withCore["core"] = Json::Value(Json::objectValue);
-    CoreConfig applied(compact(withCore).c_str());
+    CoreConfig applied(JsonUtil::Compact(withCore).c_str());
     logOneLine();
     Zel::Core::Logger::Instance().terminate();
     EXPECT_EQ("probe line\n", ZelTest::ReadFile(path));

@@ -14,6 +14,7 @@
 #include "Core/Base/CoreConfig.h"
 #include "Core/Platform/Base64Util.h"
 #include "Core/Platform/FileUtil.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
 #include "support/LogCapture.h"
@@ -24,22 +25,12 @@ using Zel::Core::PersistentValues;
 using ZelTest::LogCapture;
 using ZelTest::TempDir;
 
+using Zel::Core::JsonUtil;
+
 namespace {
 
 // No vendor plug-in in this process: the machine defaults are what we test.
 const bool kNoPlugin = setenv("ZEL_KORVANE_PLUGIN", "/nonexistent/libzel_korvane.so", 1) == 0;
-
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
-Json::Value parse(const std::string& text) {
-    Json::Value value;
-    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
-    return value;
-}
 
 // An identity whose self-signed certificate (made with the openssl tool) has `commonName`.
 std::unique_ptr<Zel::Core::ProductIdentity> identityFor(const TempDir& dir,
@@ -52,12 +43,13 @@ std::unique_ptr<Zel::Core::ProductIdentity> identityFor(const TempDir& dir,
     EXPECT_EQ(0, std::system(command.c_str()));
     Json::Value root;
     root["cert"] = Zel::Core::Base64Util::Encode(ZelTest::ReadFile(dir.file("cert.pem")));
-    return std::make_unique<Zel::Core::ProductIdentity>(compact(root).c_str());
+    return std::make_unique<Zel::Core::ProductIdentity>(JsonUtil::Compact(root).c_str());
 }
 
 // Every persisted member with a value different from its default.
 Json::Value allNonDefault() {
-    Json::Value v = parse(R"({"gidToken": "gid-token-1", "synchronized": true, "testMode": true,
+    Json::Value v =
+        ZelTest::ParseJson(R"({"gidToken": "gid-token-1", "synchronized": true, "testMode": true,
         "sdkVersion": "4.8.0-255-g4399f3ce", "certOpid": "OPID01", "certInstance": "cloud.example",
         "deviceId": "id-1", "deviceModel": "model-1", "deviceSubModel": "sub-1", "oemMsg": "hello",
         "devicePlatform": "platform-1", "deviceBrand": "brand-1", "deviceEsn": "esn-1",
@@ -106,7 +98,7 @@ protected:
     static std::string marshalled(PersistentValues& values) {
         std::string text;
         values.marshal(text);
-        return compact(parse(text));
+        return JsonUtil::Compact(ZelTest::ParseJson(text));
     }
 
     TempDir dir_;
@@ -142,7 +134,7 @@ TEST_F(PersistentValuesTest, FreshDeviceHasDefaultsAndStoresOnce) {
 
 TEST_F(PersistentValuesTest, EveryFieldSurvivesStoreAndLoad) {
     // Compared as text: jsoncpp tells signed from unsigned numbers apart.
-    const std::string expected = compact(allNonDefault());
+    const std::string expected = JsonUtil::Compact(allNonDefault());
     {
         auto values = make();
         ASSERT_TRUE(values->unmarshal(expected));
@@ -175,7 +167,7 @@ TEST_F(PersistentValuesTest, MissingOrMistypedKeysKeepDefaults) {
 }
 
 TEST_F(PersistentValuesTest, CorruptOrHalfWrittenValuesFileIsDiscarded) {
-    const std::string content = compact(allNonDefault());
+    const std::string content = JsonUtil::Compact(allNonDefault());
     // Half-written: the name promises the whole text, the file holds half of it.
     ZelTest::WriteFile(
         dir_.file("coreValues_0_" + FileUtil::calcMd5Hash(content.data(), content.size())),
@@ -261,7 +253,7 @@ TEST_F(PersistentValuesTest, CertificateAndDeviceValuesWinOverStaleFile) {
             "esn": "E", "mac": "0A:0B:0C:0D:0E:0F", "swVersion": "1.2.3"})",
         &config_);
 
-    storeValues(compact(allNonDefault()));
+    storeValues(JsonUtil::Compact(allNonDefault()));
     auto values = make(identity.get(), &device);
     EXPECT_EQ("FFFFFF0ACC", values->getCertOpid());
     EXPECT_EQ("zel.localhost:18443", values->getCertInstance());

@@ -1,8 +1,10 @@
 #include "Core/Platform/Http.h"
 
 #include <gtest/gtest.h>
+
 #include <json/reader.h>
 #include <json/writer.h>
+#include "support/TempDir.h"
 
 #include <algorithm>
 #include <atomic>
@@ -96,16 +98,10 @@ void AddHandlers(ZelCloud::TlsServer& server, std::atomic<int>& hits, Gate* gate
     }
 }
 
-Json::Value ParseJson(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
-
 // The identity document with the fields of `changes` (JSON text) replaced.
 std::string IdentityWith(const std::string& identity, const std::string& changes) {
-    Json::Value document = ParseJson(identity);
-    Json::Value replaced = ParseJson(changes);
+    Json::Value document = ZelTest::ParseJson(identity);
+    Json::Value replaced = ZelTest::ParseJson(changes);
     for (const std::string& name : replaced.getMemberNames()) {
         document[name] = replaced[name];
     }
@@ -244,7 +240,7 @@ TEST_F(HttpTest, SendsBodiesFormsAndVerbs) {
     post.headers = {"Content-Type: application/json; charset=UTF-8", "X-Zel: 1"};
     Http::Response response;
     ASSERT_TRUE(Http::Perform(post, response)) << PerformFailure(capture);
-    Json::Value echo = ParseJson(response.body);
+    Json::Value echo = ZelTest::ParseJson(response.body);
     EXPECT_EQ(echo["body"].asString(), post.body);
     EXPECT_EQ(echo["contentType"].asString(), "application/json; charset=UTF-8");
     EXPECT_EQ(echo["zel"].asString(), "1");
@@ -252,7 +248,7 @@ TEST_F(HttpTest, SendsBodiesFormsAndVerbs) {
     // An empty body is still a POST with a length of 0.
     post.body.clear();
     ASSERT_TRUE(Http::Perform(post, response));
-    EXPECT_EQ(ParseJson(response.body)["body"].asString(), "");
+    EXPECT_EQ(ZelTest::ParseJson(response.body)["body"].asString(), "");
     EXPECT_TRUE(capture.contains("> Content-Length: 0"));
 
     Http::Request form = MakeRequest("/api/v1/echo");
@@ -260,7 +256,7 @@ TEST_F(HttpTest, SendsBodiesFormsAndVerbs) {
     form.formData = "{\"objects\":[1,2]}";
     form.formToken = "t0ken&=;\"";
     ASSERT_TRUE(Http::Perform(form, response)) << PerformFailure(capture);
-    echo = ParseJson(response.body);
+    echo = ZelTest::ParseJson(response.body);
     EXPECT_EQ(echo["data"].asString(), form.formData);
     EXPECT_EQ(echo["token"].asString(), form.formToken);
     EXPECT_EQ(echo["contentType"].asString().rfind("multipart/form-data; boundary=", 0), 0u);
@@ -294,7 +290,7 @@ TEST_F(HttpTest, ReusableRequestKeepsItsConnection) {
     request.verb = Http::Verb::Get;
     ASSERT_TRUE(Http::Perform(request, second));
     EXPECT_EQ(first.body, second.body);
-    EXPECT_EQ(ParseJson(echo.body)["body"].asString(), "x");
+    EXPECT_EQ(ZelTest::ParseJson(echo.body)["body"].asString(), "x");
     EXPECT_EQ(capture.count("curl_easy_init()"), 1u);
     EXPECT_EQ(capture.count("Setting up reusable curl handle with TCP keep alive"), 1u);
     Http::Cleanup(request);

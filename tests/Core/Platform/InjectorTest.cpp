@@ -1,7 +1,9 @@
 #include "Core/Platform/Injector.h"
 
 #include <gtest/gtest.h>
+
 #include <json/reader.h>
+#include "support/TempDir.h"
 
 #include <atomic>
 #include <memory>
@@ -17,12 +19,6 @@ using Zel::Core::Injector;
 using Zel::Core::TimeManager;
 
 namespace {
-
-Json::Value ParseJson(const std::string& text) {
-    Json::Value value;
-    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
-    return value;
-}
 
 Http::Request RequestTo(const std::string& url) {
     Http::Request request;
@@ -53,7 +49,7 @@ protected:
 };
 
 TEST_F(InjectorTest, AnswersInOrderAndRepeatsTheLast) {
-    Injector::Instance().initialize(ParseJson(R"([
+    Injector::Instance().initialize(ZelTest::ParseJson(R"([
         {"suffix": "da/synchronize", "responses": [
             {"statusCode": 201, "body": "one"},
             {"statusCode": 202, "body": "two", "headers": ["X-A: 1"]}]}])"));
@@ -69,14 +65,14 @@ TEST_F(InjectorTest, AnswersInOrderAndRepeatsTheLast) {
     }
 
     // initialize starts the counters afresh.
-    Injector::Instance().initialize(ParseJson(R"([
+    Injector::Instance().initialize(ZelTest::ParseJson(R"([
         {"suffix": "synchronize", "responses": [{"statusCode": 201}, {"statusCode": 202}]}])"));
     EXPECT_EQ(Mock("https://x/synchronize"), 201);
     EXPECT_EQ(Mock("https://x/synchronize"), 202);
 }
 
 TEST_F(InjectorTest, MatchesOnlyWholeSuffixesInConfigurationOrder) {
-    Injector::Instance().initialize(ParseJson(R"([
+    Injector::Instance().initialize(ZelTest::ParseJson(R"([
         {"suffix": "https://host/api/v1/da/notification/longer", "responses": [{"statusCode": 500}]},
         {"suffix": "/notification", "responses": [{"statusCode": 200}]},
         {"suffix": "da/notification", "responses": [{"statusCode": 204}]},
@@ -98,7 +94,7 @@ TEST_F(InjectorTest, MatchesOnlyWholeSuffixesInConfigurationOrder) {
 }
 
 TEST_F(InjectorTest, BodiesAndDefaults) {
-    Injector::Instance().initialize(ParseJson(R"([
+    Injector::Instance().initialize(ZelTest::ParseJson(R"([
         {"suffix": "/plain", "responses": [{"statusCode": 200, "body": "not JSON {\u00e9"}]},
         {"suffix": "/json", "responses": [{"statusCode": 200, "body": {"a": [1, "b"]}}]},
         {"suffix": "/default", "responses": [{}]},
@@ -120,7 +116,7 @@ TEST_F(InjectorTest, BodiesAndDefaults) {
     EXPECT_EQ(response.body, "");
 
     // A section that is not an array configures nothing.
-    Injector::Instance().initialize(ParseJson(R"({"suffix": "/plain"})"));
+    Injector::Instance().initialize(ZelTest::ParseJson(R"({"suffix": "/plain"})"));
     EXPECT_EQ(Mock("https://h/plain"), -1);
 }
 
@@ -131,7 +127,7 @@ TEST_F(InjectorTest, AnswersThroughPerformEvenWhileTheClockIsBad) {
         at.tv_sec = 1000;
         return at;
     });
-    Injector::Instance().initialize(ParseJson(R"([
+    Injector::Instance().initialize(ZelTest::ParseJson(R"([
         {"suffix": "/da/notification", "responses": [{"statusCode": 200, "body": "<html>"}]}])"));
 
     Http::Request request = RequestTo("https://FFFFFF0ACC-da.zel.localhost/api/v1/da/notification");
@@ -151,7 +147,7 @@ TEST_F(InjectorTest, AnswersThroughPerformEvenWhileTheClockIsBad) {
 
 TEST_F(InjectorTest, DurationDelaysTheAnswerAndTerminateCutsItShort) {
     // A short wait is served in full.
-    Injector::Instance().initialize(ParseJson(R"([
+    Injector::Instance().initialize(ZelTest::ParseJson(R"([
         {"suffix": "/short", "responses": [{"statusCode": 201, "duration": 0.01}]},
         {"suffix": "/long", "responses": [{"statusCode": 202, "duration": 3600}]}])"));
     EXPECT_EQ(Mock("https://h/short"), 201);

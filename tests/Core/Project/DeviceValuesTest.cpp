@@ -11,6 +11,7 @@
 
 #include "Core/Base/CoreConfig.h"
 #include "Core/Platform/FileUtil.h"
+#include "Core/Platform/JsonUtil.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -20,16 +21,12 @@ using Zel::Core::FileUtil;
 using ZelTest::LogCapture;
 using ZelTest::TempDir;
 
+using Zel::Core::JsonUtil;
+
 namespace {
 
 // No vendor plug-in in this process: these are the machine's own values.
 const bool kNoPlugin = setenv("ZEL_KORVANE_PLUGIN", "/nonexistent/libzel_korvane.so", 1) == 0;
-
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
 
 std::string firstLineOf(const char* path) {
     std::ifstream in(path);
@@ -45,7 +42,7 @@ std::string simulationConfig(const TempDir& dir, const char* initial) {
     if (initial != nullptr) {
         root["core"]["initialSimulatedSwVersion"] = initial;
     }
-    return compact(root);
+    return JsonUtil::Compact(root);
 }
 
 TEST(DeviceValuesTest, MachineDefaults) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
 #include "support/LogCapture.h"
@@ -27,6 +28,8 @@ using Zel::Core::ProductIdentity;
 using ZelTest::LogCapture;
 using ZelTest::TempDir;
 
+using Zel::Core::JsonUtil;
+
 namespace {
 
 const std::string kSampleDir = std::string(ZEL_BINARY_DIR) + "/tools/korvane/";
@@ -35,18 +38,6 @@ const std::string kSampleWithoutCommands = kSampleDir + "libzel_korvane_sample_n
 
 // The process-wide plug-in of this test is the sample library.
 const bool kSamplePlugin = setenv("ZEL_KORVANE_PLUGIN", kSample.c_str(), 1) == 0;
-
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
-Json::Value parse(const std::string& text) {
-    Json::Value value;
-    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
-    return value;
-}
 
 // Sets (or, given nullptr, unsets) an environment variable for one scope.
 class ScopedEnv {
@@ -105,28 +96,28 @@ TEST_F(KorvanePluginTest, ProcessPluginComesFromTheOverride) {
 TEST_F(KorvanePluginTest, PluginPasswordOpensTheDeviceKey) {
     const ZelTest::Pki& pki = ZelTest::Pki::Get("zel.localhost:18443");
     ASSERT_TRUE(pki.ok()) << pki.error();
-    Json::Value document = parse(pki.identityJson());
+    Json::Value document = ZelTest::ParseJson(pki.identityJson());
     const std::string passPhrase = document["password"].asString();
     ASSERT_FALSE(passPhrase.empty());
     document.removeMember("password");
 
     {
         ScopedEnv password("ZEL_KORVANE_SAMPLE_PASSWORD", passPhrase.c_str());
-        ProductIdentity identity(compact(document).c_str());
+        ProductIdentity identity(JsonUtil::Compact(document).c_str());
         ASSERT_TRUE(identity.isValid());
         EXPECT_EQ(passPhrase, identity.getPassword());
         EXPECT_TRUE(keyOpensWith(identity.getKey(), identity.getPassword()));
 
         // The document's own pass phrase wins over the plug-in's.
         document["password"] = "from-document";
-        ProductIdentity overridden(compact(document).c_str());
+        ProductIdentity overridden(JsonUtil::Compact(document).c_str());
         EXPECT_EQ("from-document", overridden.getPassword());
         EXPECT_FALSE(keyOpensWith(overridden.getKey(), overridden.getPassword()));
         document.removeMember("password");
     }
     {
         ScopedEnv password("ZEL_KORVANE_SAMPLE_PASSWORD", "wrong");
-        ProductIdentity identity(compact(document).c_str());
+        ProductIdentity identity(JsonUtil::Compact(document).c_str());
         EXPECT_EQ("wrong", identity.getPassword());
         EXPECT_FALSE(keyOpensWith(identity.getKey(), identity.getPassword()));
     }
@@ -170,7 +161,7 @@ TEST_F(KorvanePluginTest, CommandsAndVideoEntryPointsWork) {
     std::string output;
     EXPECT_EQ(0u, echo.handler(echo.context, ZEL_KORVANE_OPERATION_EXECUTE, "{\"a\": [1, 2]}",
                                &collectOutput, &output));
-    EXPECT_EQ(parse("{\"ECHO\": {\"a\": [1, 2]}}"), parse(output));
+    EXPECT_EQ(ZelTest::ParseJson("{\"ECHO\": {\"a\": [1, 2]}}"), ZelTest::ParseJson(output));
     EXPECT_EQ(
         4u, echo.handler(echo.context, ZEL_KORVANE_OPERATION_GET, "null", &collectOutput, &output));
 

@@ -8,11 +8,14 @@
 #include <string>
 
 #include "Core/Platform/Base64Util.h"
+#include "Core/Platform/JsonUtil.h"
 #include "support/LogCapture.h"
 
 using Zel::Core::Base64Util;
 using Zel::Core::ProductIdentity;
 using ZelTest::LogCapture;
+
+using Zel::Core::JsonUtil;
 
 namespace {
 
@@ -24,12 +27,6 @@ const char* const kKeyPem =
 const char* const kCertPem = "-----BEGIN CERTIFICATE-----\nBBBB\n-----END CERTIFICATE-----\n";
 const char* const kTrustPem = "-----BEGIN CERTIFICATE-----\nCCCC\n-----END CERTIFICATE-----\n";
 
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
 Json::Value validDocument() {
     Json::Value root;
     root["key"] = Base64Util::Encode(kKeyPem);
@@ -40,7 +37,7 @@ Json::Value validDocument() {
 }
 
 TEST(ProductIdentityTest, DecodesEveryField) {
-    ProductIdentity identity(compact(validDocument()).c_str());
+    ProductIdentity identity(JsonUtil::Compact(validDocument()).c_str());
     EXPECT_TRUE(identity.isValid());
     EXPECT_EQ(kKeyPem, identity.getKey());
     EXPECT_EQ(kCertPem, identity.getCert());
@@ -52,7 +49,7 @@ TEST(ProductIdentityTest, DecodesEveryField) {
     std::string text = wrapped["cert"].asString();
     text.insert(20, "\n");
     wrapped["cert"] = text;
-    ProductIdentity fromWrapped(compact(wrapped).c_str());
+    ProductIdentity fromWrapped(JsonUtil::Compact(wrapped).c_str());
     EXPECT_TRUE(fromWrapped.isValid());
     EXPECT_EQ(kCertPem, fromWrapped.getCert());
 }
@@ -60,7 +57,7 @@ TEST(ProductIdentityTest, DecodesEveryField) {
 TEST(ProductIdentityTest, MissingFieldsAndBadDocumentsGiveEmptyValues) {
     Json::Value partial;
     partial["cert"] = Base64Util::Encode(kCertPem);
-    ProductIdentity identity(compact(partial).c_str());
+    ProductIdentity identity(JsonUtil::Compact(partial).c_str());
     EXPECT_TRUE(identity.isValid());
     EXPECT_EQ(kCertPem, identity.getCert());
     EXPECT_EQ("", identity.getKey());
@@ -78,7 +75,7 @@ TEST(ProductIdentityTest, BadBase64IsLoggedByNameAndInvalidates) {
         Json::Value document = validDocument();
         const std::string secret = "c2VjcmV0*!garbage";
         document[field] = secret;
-        ProductIdentity identity(compact(document).c_str());
+        ProductIdentity identity(JsonUtil::Compact(document).c_str());
         EXPECT_FALSE(identity.isValid());
         EXPECT_TRUE(
             capture.contains(std::string("Identity value \"") + field + "\" is not valid base64"));
@@ -91,7 +88,7 @@ TEST(ProductIdentityTest, BadBase64IsLoggedByNameAndInvalidates) {
     // A truncated quantum is as bad as a foreign character.
     Json::Value truncated = validDocument();
     truncated["trust"] = truncated["trust"].asString().substr(0, 5);
-    EXPECT_FALSE(ProductIdentity(compact(truncated).c_str()).isValid());
+    EXPECT_FALSE(ProductIdentity(JsonUtil::Compact(truncated).c_str()).isValid());
 }
 
 }  // namespace
