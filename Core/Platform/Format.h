@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "Core/Platform/FilterProperties.h"
 #include "Core/Platform/LoggingEvent.h"
 #include "Core/Platform/Timestamp.h"
 
@@ -25,6 +26,17 @@ protected:
         if (text.size() < width) {
             out.append(width - text.size(), ' ');
         }
+    }
+
+    // The service, category and severity columns (5, 10 and 7 wide), each
+    // followed by a blank.
+    static void AppendNames(std::string& out, const LoggingEvent& event) {
+        AppendPadded(out, FilterProperties::GetServiceName(event.service), 5);
+        out += ' ';
+        AppendPadded(out, FilterProperties::GetCategoryName(event.category), 10);
+        out += ' ';
+        AppendPadded(out, FilterProperties::GetSeverityName(event.severity), 7);
+        out += ' ';
     }
 
     // UTC time by `pattern`, then `fraction` rendered by `fractionPattern`. When

@@ -1,7 +1,5 @@
 #include "Core/Platform/LongFormat.h"
 
-#include "Core/Platform/FilterProperties.h"
-
 namespace Zel {
 namespace Core {
 
@@ -15,12 +13,7 @@ std::string LongFormat::format(const LoggingEvent& event) {
     out += ' ';
     out += event.threadId;
     out += ' ';
-    AppendPadded(out, FilterProperties::GetServiceName(event.service), 5);
-    out += ' ';
-    AppendPadded(out, FilterProperties::GetCategoryName(event.category), 10);
-    out += ' ';
-    AppendPadded(out, FilterProperties::GetSeverityName(event.severity), 7);
-    out += ' ';
+    AppendNames(out, event);
     AppendPadded(out, event.file + ":" + std::to_string(event.line) + "-{" + event.function + "}",
                  75);
     out += ' ';

@@ -1,7 +1,5 @@
 #include "Core/Platform/MediumFormat.h"
 
-#include "Core/Platform/FilterProperties.h"
-
 namespace Zel {
 namespace Core {
 
@@ -9,12 +7,7 @@ std::string MediumFormat::format(const LoggingEvent& event) {
     std::string out =
         TimeText(event.timestamp, "%H:%M:%S", ".%03d", event.timestamp.microseconds / 1000);
     out += ' ';
-    AppendPadded(out, FilterProperties::GetServiceName(event.service), 5);
-    out += ' ';
-    AppendPadded(out, FilterProperties::GetCategoryName(event.category), 10);
-    out += ' ';
-    AppendPadded(out, FilterProperties::GetSeverityName(event.severity), 7);
-    out += ' ';
+    AppendNames(out, event);
     AppendPadded(out, event.function + "()", 20);
     out += ' ';
     out += event.message;
