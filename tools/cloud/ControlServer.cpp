@@ -49,7 +49,8 @@ bool ParseBody(const httplib::Request& req, httplib::Response& res, Json::Value&
 
 }  // namespace
 
-ControlServer::ControlServer(Cloud& cloud) : cloud_(cloud), server_(new httplib::Server) {}
+ControlServer::ControlServer(Cloud& cloud)
+    : cloud_(cloud), server_(new httplib::Server), thread_(*server_) {}
 
 ControlServer::~ControlServer() {
     stop();
@@ -135,49 +136,16 @@ void ControlServer::route() {
 
 bool ControlServer::start(int port) {
     route();
-    // httplib's default adds SO_REUSEPORT, with which a second server on a busy
-    // port binds quietly and takes half the connections.
-    server_->set_socket_options([](socket_t sock) {
-        int yes = 1;
-        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-    });
-    if (port == 0) {
-        port_ = server_->bind_to_any_port("127.0.0.1");
-        if (port_ <= 0) {
-            return false;
-        }
-    } else {
-        if (!server_->bind_to_port("127.0.0.1", port)) {
-            return false;
-        }
-        port_ = port;
+    port_ = thread_.bind("127.0.0.1", port);
+    if (port_ < 0) {
+        return false;
     }
-    thread_ = std::thread([this] {
-        server_->listen_after_bind();
-        std::lock_guard<std::mutex> lock(mutex_);
-        listenReturned_ = true;
-        listenEnded_.notify_all();
-    });
+    thread_.start();
     return true;
 }
 
 void ControlServer::stop() {
-    if (!thread_.joinable()) {
-        return;
-    }
-    // httplib ignores stop() until its accept loop has begun, so repeat it
-    // until the loop is seen to end.
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!listenReturned_) {
-            lock.unlock();
-            server_->stop();
-            lock.lock();
-            listenEnded_.wait_for(lock, std::chrono::milliseconds(20),
-                                  [this] { return listenReturned_; });
-        }
-    }
-    thread_.join();
+    thread_.stop();
 }
 
 }  // namespace ZelCloud

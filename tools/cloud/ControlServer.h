@@ -1,10 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
+
+#include "tools/cloud/ServerThread.h"
 
 namespace httplib {
 class Server;
@@ -33,11 +32,8 @@ private:
 
     Cloud& cloud_;
     std::unique_ptr<httplib::Server> server_;
-    std::thread thread_;
+    ServerThread thread_;
     int port_ = 0;
-    std::mutex mutex_;
-    std::condition_variable listenEnded_;
-    bool listenReturned_ = false;
 };
 
 }  // namespace ZelCloud

@@ -45,6 +45,7 @@ TlsServer::TlsServer() {
         SSL_CTX_set_tlsext_status_arg(&ctx, this);
         return true;
     });
+    thread_ = std::make_unique<ServerThread>(*server_);
 }
 
 TlsServer::~TlsServer() {
@@ -63,21 +64,12 @@ bool TlsServer::bind(int port, const std::string& host) {
     if (!server_->is_valid()) {
         return fail("cannot create the TLS context");
     }
-    // httplib's default adds SO_REUSEPORT, with which a second server on a busy
-    // port binds quietly and takes some of the connections: a port in use must
-    // be an error.
-    server_->set_socket_options([](socket_t sock) {
-        int yes = 1;
-        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-    });
-    if (port == 0) {
-        port = server_->bind_to_any_port(host);
-        if (port <= 0) {
-            return fail("cannot bind to a free port on " + host);
-        }
-    } else if (!server_->bind_to_port(host, port)) {
-        return fail("cannot bind to " + host + ":" + std::to_string(port));
+    int bound = thread_->bind(host, port);
+    if (bound < 0) {
+        return fail(port == 0 ? "cannot bind to a free port on " + host
+                              : "cannot bind to " + host + ":" + std::to_string(port));
     }
+    port = bound;
     port_ = port;
     bound_ = true;
     return true;
@@ -137,7 +129,7 @@ bool TlsServer::loadCertificates(SSL_CTX* ctx, const Config& config) {
 }
 
 bool TlsServer::start(const Config& config) {
-    if (thread_.joinable()) {
+    if (thread_->running()) {
         return fail("already running");
     }
     if (!bound_ && !bind()) {
@@ -146,36 +138,12 @@ bool TlsServer::start(const Config& config) {
     if (!loadCertificates(server_->ssl_context(), config)) {
         return false;
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        listenReturned_ = false;
-    }
-    thread_ = std::thread([this] {
-        server_->listen_after_bind();
-        std::lock_guard<std::mutex> lock(mutex_);
-        listenReturned_ = true;
-        stopped_.notify_all();
-    });
+    thread_->start();
     return true;
 }
 
 void TlsServer::stop() {
-    if (!thread_.joinable()) {
-        return;
-    }
-    // httplib's stop() does nothing until the accept loop has begun, so it
-    // is repeated until the loop is seen to end.
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!listenReturned_) {
-            lock.unlock();
-            server_->stop();
-            lock.lock();
-            stopped_.wait_for(lock, std::chrono::milliseconds(20),
-                              [this] { return listenReturned_; });
-        }
-    }
-    thread_.join();
+    thread_->stop();
 }
 
 void TlsServer::setOcspResponse(const std::string& der) {

@@ -2,11 +2,11 @@
 
 #include <httplib.h>
 
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+
+#include "tools/cloud/ServerThread.h"
 
 namespace ZelCloud {
 
@@ -43,7 +43,7 @@ public:
     void stop();
 
     int port() const { return port_; }
-    bool running() const { return thread_.joinable(); }
+    bool running() const { return thread_->running(); }
     // Why bind() or start() failed.
     const std::string& error() const { return error_; }
 
@@ -64,14 +64,12 @@ private:
     bool loadCertificates(SSL_CTX* ctx, const Config& config);
 
     std::unique_ptr<httplib::SSLServer> server_;
-    std::thread thread_;
+    std::unique_ptr<ServerThread> thread_;
     int port_ = 0;
     bool bound_ = false;
     std::string error_;
 
-    std::mutex mutex_;
-    std::condition_variable stopped_;
-    bool listenReturned_ = false;
+    std::mutex mutex_;  // guards ocspResponse_
     std::string ocspResponse_;
 };
 
