@@ -13,14 +13,8 @@ struct LoggingEvent {
     // The calling thread and the current time are taken here.
     LoggingEvent(const std::string& file, int line, const std::string& function, int service,
                  int category, int severity, const std::string& message)
-        : file(file),
-          line(line),
-          function(function),
-          service(service),
-          category(category),
-          severity(severity),
-          message(message),
-          threadId(ThreadUtil::GetThreadIdAsString()) {}
+        : LoggingEvent(file, line, function, service, category, severity, message,
+                       ThreadUtil::GetThreadIdAsString(), Timestamp()) {}
 
     // A fixed thread and time, so that a rendered record is reproducible.
     LoggingEvent(const std::string& file, int line, const std::string& function, int service,
