@@ -15,24 +15,6 @@ const char* boolText(bool value) {
     return value ? "true" : "false";
 }
 
-// A present key that cannot be converted keeps the current value: jsoncpp
-// would throw, and configuration faults must never stop the agent.
-bool readBool(const Json::Value& section, const char* key, bool current) {
-    const Json::Value& value = section[key];
-    if (value.isNull() || !value.isConvertibleTo(Json::booleanValue)) {
-        return current;
-    }
-    return value.asBool();
-}
-
-std::string readString(const Json::Value& section, const char* key, const std::string& current) {
-    const Json::Value& value = section[key];
-    if (value.isNull() || !value.isConvertibleTo(Json::stringValue)) {
-        return current;
-    }
-    return value.asString();
-}
-
 // Completes a relative path from the working directory. Only a completed path
 // is checked: an absolute path is the integrator's explicit choice and may
 // legitimately appear later (a mount point, say).
@@ -69,19 +51,8 @@ CoreConfig::CoreConfig(const char* text) {
 
     Json::Value root;
     if (JsonUtil::Parse(text, root) && root.isObject() && root.isMember("core")) {
-        const Json::Value core = root.get("core", Json::Value());
-        if (core.isObject()) {
-            skipCurlGlobalInit_ = readBool(core, "skipCurlGlobalInit", skipCurlGlobalInit_);
-            skipSslCryptoInit_ = readBool(core, "skipSslCryptoInit", skipSslCryptoInit_);
-            persistentPath_ = readString(core, "persistentPath", persistentPath_);
-            temporaryPath_ = readString(core, "temporaryPath", temporaryPath_);
-            enableSwVersionSimulation_ =
-                readBool(core, "enableSwVersionSimulation", enableSwVersionSimulation_);
-            initialSimulatedSwVersion_ =
-                readString(core, "initialSimulatedSwVersion", initialSimulatedSwVersion_);
-        }
-
-        // Loggers and injectors are only configured together with "core".
+        // Loggers and injectors are only configured together with "core"; the
+        // loggers come first so that a refused key below reaches them.
         Json::Value loggers = root.get("loggers", Json::Value());
         if (!loggers.isNull()) {
             Logger::Instance().initialize(loggers);
@@ -90,6 +61,16 @@ CoreConfig::CoreConfig(const char* text) {
         if (!injectors.isNull()) {
             Injector::Instance().initialize(injectors);
         }
+
+        // A present key that cannot be read keeps the current value, with a
+        // warning: configuration faults must never stop the agent.
+        const Json::Value& core = JsonUtil::Member(root, "core");
+        JsonUtil::ReadBool(core, "skipCurlGlobalInit", skipCurlGlobalInit_);
+        JsonUtil::ReadBool(core, "skipSslCryptoInit", skipSslCryptoInit_);
+        JsonUtil::ReadString(core, "persistentPath", persistentPath_);
+        JsonUtil::ReadString(core, "temporaryPath", temporaryPath_);
+        JsonUtil::ReadBool(core, "enableSwVersionSimulation", enableSwVersionSimulation_);
+        JsonUtil::ReadString(core, "initialSimulatedSwVersion", initialSimulatedSwVersion_);
     }
 
     if (completeRelativePath(persistentPath_) && !isUsableDirectory(persistentPath_)) {

@@ -2,6 +2,7 @@
 // applying its answer.
 #include "Core/Base/CoreConfig.h"
 #include "Core/Base/CoreManager.h"
+#include "Core/Base/DaAnswer.h"
 #include "Core/Base/EventManager.h"
 #include "Core/Base/PersistentValues.h"
 #include "Core/Platform/JsonUtil.h"
@@ -14,70 +15,6 @@ namespace Core {
 namespace {
 constexpr const char* kLogSource = "Base/CoreManager";
 
-using UnsignedSetter = bool (PersistentValues::*)(uint32_t);
-using StringSetter = bool (PersistentValues::*)(const std::string&);
-using BoolSetter = bool (PersistentValues::*)(bool);
-
-// Answer keys of SynchronizeCoreState and the setters they go through. The
-// speed-test URLs arrive spelled "URL" and are kept as "Url".
-const std::pair<const char*, UnsignedSetter> kUnsignedKeys[] = {
-    {"daOpidSeqNum", &PersistentValues::setOpidSeqNum},
-    {"daGidSeqNum", &PersistentValues::setGidSeqNum},
-    {"daConnectTimeoutMs", &PersistentValues::setDaConnectTimeoutMs},
-    {"daMessageTimeoutMs", &PersistentValues::setDaMessageTimeoutMs},
-    {"daPollDelayFixedMs", &PersistentValues::setDaPollDelayFixedMs},
-    {"daPollDelayVariedMs", &PersistentValues::setDaPollDelayVariedMs},
-    {"daRetryDelayFixedMs", &PersistentValues::setDaRetryDelayFixedMs},
-    {"daRetryDelayVariedMs", &PersistentValues::setDaRetryDelayVariedMs},
-    {"daStartupDelayFixedMs", &PersistentValues::setDaStartupDelayFixedMs},
-    {"daStartupDelayVariedMs", &PersistentValues::setDaStartupDelayVariedMs},
-    {"dsConnectTimeoutMs", &PersistentValues::setDsConnectTimeoutMs},
-    {"dsMessageTimeoutMs", &PersistentValues::setDsMessageTimeoutMs},
-    {"dsRetryDelayFixedMs", &PersistentValues::setDsRetryDelayFixedMs},
-    {"dsRetryDelayVariedMs", &PersistentValues::setDsRetryDelayVariedMs},
-    {"dsStartupDelayFixedMs", &PersistentValues::setDsStartupDelayFixedMs},
-    {"dsStartupDelayVariedMs", &PersistentValues::setDsStartupDelayVariedMs},
-    {"dsAggressiveQueuePercentage", &PersistentValues::setDsAggressiveQueuePercentage},
-    {"dsStandardDelayFixedMs", &PersistentValues::setDsStandardDelayFixedMs},
-    {"dsStandardDelayVariedMs", &PersistentValues::setDsStandardDelayVariedMs},
-    {"dsAggressiveDelayFixedMs", &PersistentValues::setDsAggressiveDelayFixedMs},
-    {"dsAggressiveDelayVariedMs", &PersistentValues::setDsAggressiveDelayVariedMs},
-    {"svConnectTimeoutMs", &PersistentValues::setSvConnectTimeoutMs},
-    {"svMessageTimeoutMs", &PersistentValues::setSvMessageTimeoutMs},
-    {"svRetryDelayFixedMs", &PersistentValues::setSvRetryDelayFixedMs},
-    {"svRetryDelayVariedMs", &PersistentValues::setSvRetryDelayVariedMs},
-    {"svActiveTimeoutMs", &PersistentValues::setSvActiveTimeoutMs},
-    {"svPausedTimeoutMs", &PersistentValues::setSvPausedTimeoutMs},
-    {"svNetworkDiagTimeoutMs", &PersistentValues::setSvNetworkDiagTimeoutMs},
-    {"svSpeedTestDownloadSize", &PersistentValues::setSvSpeedTestDownloadSize},
-    {"svSpeedTestDownloadTimeMs", &PersistentValues::setSvSpeedTestDownloadTimeMs},
-    {"svSpeedTestUploadSize", &PersistentValues::setSvSpeedTestUploadSize},
-    {"svSpeedTestUploadTimeMs", &PersistentValues::setSvSpeedTestUploadTimeMs},
-    {"suConnectTimeoutMs", &PersistentValues::setSuConnectTimeoutMs},
-    {"suMessageTimeoutMs", &PersistentValues::setSuMessageTimeoutMs},
-    {"suMaxRetryCount", &PersistentValues::setSuMaxRetryCount},
-    {"suRetryDelayFixedMs", &PersistentValues::setSuRetryDelayFixedMs},
-    {"suRetryDelayVariedMs", &PersistentValues::setSuRetryDelayVariedMs},
-    {"suStagingConnectTimeoutMs", &PersistentValues::setSuStagingConnectTimeoutMs},
-    {"suStagingMessageTimeoutMs", &PersistentValues::setSuStagingMessageTimeoutMs},
-    {"suStagingMaxRetryCount", &PersistentValues::setSuStagingMaxRetryCount},
-    {"suStagingRetryDelayFixedMs", &PersistentValues::setSuStagingRetryDelayFixedMs},
-    {"suStagingRetryDelayVariedMs", &PersistentValues::setSuStagingRetryDelayVariedMs},
-};
-
-const std::pair<const char*, StringSetter> kStringKeys[] = {
-    {"svLbrAwsDomain", &PersistentValues::setSvLbrAwsDomain},
-    {"svMrsUrl", &PersistentValues::setSvMrsUrl},
-    {"svPingTestHostname", &PersistentValues::setSvPingTestHostname},
-    {"svSpeedTestDownloadURL", &PersistentValues::setSvSpeedTestDownloadUrl},
-    {"svSpeedTestUploadURL", &PersistentValues::setSvSpeedTestUploadUrl},
-    {"daConsentUrl", &PersistentValues::setDaConsentUrl},
-};
-
-const std::pair<const char*, BoolSetter> kBoolKeys[] = {
-    {"daSupportViewEnabled", &PersistentValues::setDaSupportViewEnabled},
-    {"suCheckForSoftwareUpdate", &PersistentValues::setSuCheckForSoftwareUpdate},
-};
 }  // namespace
 
 void CoreManager::setRequestHttpVerb(Http::Request& request, Http::Verb verb) const {
@@ -206,96 +143,13 @@ void CoreManager::getResponseHeaders(MicroService, const Http::Response& respons
 }
 
 bool CoreManager::getResponseBody(MicroService service, const Http::Response& response) {
-    Json::Value answer;
-    if (!JsonUtil::Parse(response.body, answer) || !answer.isObject()) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "%s answer is not a JSON object",
-                MicroServiceToString(service));
-        return false;
+    std::vector<Event> events;
+    bool usable =
+        DaAnswer::Apply(service, response.body, *persistent_, volatile_->badSynchs, events);
+    for (const Event& event : events) {
+        EventManager::Instance().queueEvent(event.name, event.id, event.parameters);
     }
-    switch (service) {
-        case SynchronizeCoreState:
-            applySynchronizeAnswer(answer);
-            break;
-        case CheckForNotification: {
-            const Json::Value& synchronized = answer["daStateSynchronized"];
-            // The notification call can only take the flag away.
-            if (synchronized.isBool() && !synchronized.asBool()) {
-                persistent_->setSynchronized(false);
-            }
-            break;
-        }
-        case GetDeviceIdentity: {
-            const Json::Value& token = answer["daGidToken"];
-            if (token.isString()) {
-                persistent_->setGidToken(token.asString());
-            }
-            break;
-        }
-    }
-    return true;
-}
-
-void CoreManager::applySynchronizeAnswer(const Json::Value& answer) {
-    PersistentValues& persistent = *persistent_;
-    VolatileValues& values = *volatile_;
-    const Json::Value& synchronized = answer["daSynchronized"];
-    if (synchronized.isBool() && synchronized.asBool()) {
-        persistent.setSynchronized(true);
-        values.badSynchs = 0;
-    } else {
-        // A missing flag counts as "not synchronised" too, so that a server
-        // that never says so cannot keep us calling without a pause.
-        persistent.setSynchronized(false);
-        ++values.badSynchs;
-    }
-    for (const auto& key : kUnsignedKeys) {
-        const Json::Value& value = answer[key.first];
-        if (value.isUInt()) {
-            (persistent.*key.second)(value.asUInt());
-        }
-    }
-    for (const auto& key : kStringKeys) {
-        const Json::Value& value = answer[key.first];
-        if (value.isString()) {
-            (persistent.*key.second)(value.asString());
-        }
-    }
-    for (const auto& key : kBoolKeys) {
-        const Json::Value& value = answer[key.first];
-        if (value.isBool()) {
-            (persistent.*key.second)(value.asBool());
-        }
-    }
-    const Json::Value& consent = answer["daConsentState"];
-    if (consent.isString()) {
-        persistent.setDaConsentState(consent.asString() == "ConsentRequired"
-                                         ? ConsentStateRequired
-                                         : ConsentStateNotRequired);
-    }
-    const Json::Value& allowed = answer["dsAllowedDataItemIds"];
-    if (allowed.isArray()) {
-        std::vector<std::string> ids;
-        for (const Json::Value& id : allowed) {
-            if (id.isString()) {
-                ids.push_back(id.asString());
-            }
-        }
-        persistent.setDsAllowedDataItemIds(ids);
-    }
-    const Json::Value& events = answer["daEvents"];
-    if (events.isArray()) {
-        for (const Json::Value& event : events) {
-            if (!event.isObject() || !event["event"].isString()) {
-                continue;
-            }
-            const Json::Value& parameters = event["parameters"];
-            std::string text = parameters.isString() ? parameters.asString()
-                               : parameters.isNull() ? std::string()
-                                                     : JsonUtil::Compact(parameters);
-            EventManager::Instance().queueEvent(
-                event["event"].asString(), event["id"].isUInt() ? event["id"].asUInt() : 0, text);
-        }
-    }
+    return usable;
 }
 
 }  // namespace Core

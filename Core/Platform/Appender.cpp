@@ -1,5 +1,6 @@
 #include "Core/Platform/Appender.h"
 
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/LongFormat.h"
 #include "Core/Platform/MediumFormat.h"
 #include "Core/Platform/Mutex.h"
@@ -44,7 +45,7 @@ Appender::Appender(const std::string& type, const Json::Value& config)
     if (!config.isObject()) {
         return;
     }
-    const Json::Value& filters = config["filters"];
+    const Json::Value& filters = JsonUtil::Member(config, "filters");
     if (!filters.isArray()) {
         return;
     }
@@ -144,14 +145,12 @@ std::string Appender::BuildName(const std::string& type, const Json::Value& conf
 }
 
 std::string Appender::ConfigText(const Json::Value& config, const char* key) {
-    if (!config.isObject()) {
-        return std::string();
-    }
-    const Json::Value& value = config[key];
-    if (value.isArray() || value.isObject() || !value.isConvertibleTo(Json::stringValue)) {
-        return std::string();
-    }
-    return value.asString();
+    // Quietly: a logger that cannot be configured has nowhere to report to,
+    // and the logger is busy configuring itself. A NUL would cut a file name
+    // short and is refused like a wrong type.
+    std::string text;
+    JsonUtil::GetText(JsonUtil::Member(config, key), text);
+    return text;
 }
 
 }  // namespace Core

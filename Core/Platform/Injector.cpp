@@ -17,17 +17,17 @@ constexpr const char* kLogSource = "Platform/Injector";
 
 std::vector<std::string> ReadHeaders(const Json::Value& value) {
     std::vector<std::string> headers;
+    std::string header;
     if (value.isArray()) {
-        for (const Json::Value& header : value) {
-            if (header.isString()) {
-                headers.push_back(header.asString());
+        for (const Json::Value& item : value) {
+            if (JsonUtil::GetString(item, header)) {
+                headers.push_back(header);
             }
         }
     } else if (value.isObject()) {
         for (const std::string& name : value.getMemberNames()) {
-            const Json::Value& header = value[name];
-            if (header.isString()) {
-                headers.push_back(name + ": " + header.asString());
+            if (JsonUtil::GetString(JsonUtil::Member(value, name.c_str()), header)) {
+                headers.push_back(name + ": " + header);
             }
         }
     }
@@ -40,8 +40,9 @@ std::string ReadBody(const Json::Value& value) {
     if (value.isNull()) {
         return "{}";
     }
-    if (value.isString()) {
-        return value.asString();
+    std::string text;
+    if (JsonUtil::GetString(value, text)) {
+        return text;
     }
     return JsonUtil::Compact(value);
 }
@@ -53,38 +54,40 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 
 }  // namespace
 
+// Never destroyed: an agent thread may still ask it while the host exits.
 Injector& Injector::Instance() {
-    static Injector instance;
-    return instance;
+    static Injector* instance = new Injector;
+    return *instance;
 }
 
 void Injector::initialize(const Json::Value& injectors) {
     std::vector<Entry> entries;
     if (injectors.isArray()) {
         for (const Json::Value& element : injectors) {
-            if (!element.isObject() || !element["suffix"].isString()) {
+            Entry entry;
+            if (!JsonUtil::GetString(JsonUtil::Member(element, "suffix"), entry.suffix)) {
                 ZEL_LOG(ServiceCore, CategoryState, SeverityWarning,
                         "Injector entry without a suffix ignored");
                 continue;
             }
-            Entry entry;
-            entry.suffix = element["suffix"].asString();
-            const Json::Value& responses = element["responses"];
+            const Json::Value& responses = JsonUtil::Member(element, "responses");
             if (responses.isArray()) {
                 for (const Json::Value& item : responses) {
                     if (!item.isObject()) {
                         continue;
                     }
                     MockResponse response;
-                    if (item["statusCode"].isIntegral()) {
-                        response.statusCode = item["statusCode"].asInt();
+                    int64_t status = 0;
+                    if (JsonUtil::GetInt64(JsonUtil::Member(item, "statusCode"), status) &&
+                        status >= 0 && status <= 999) {
+                        response.statusCode = static_cast<int>(status);
                     }
-                    response.headers = ReadHeaders(item["headers"]);
-                    response.body = ReadBody(item["body"]);
-                    if (item["duration"].isNumeric()) {
+                    response.headers = ReadHeaders(JsonUtil::Member(item, "headers"));
+                    response.body = ReadBody(JsonUtil::Member(item, "body"));
+                    double duration = 0;
+                    if (JsonUtil::GetDouble(JsonUtil::Member(item, "duration"), duration)) {
                         // Capped at a year: longer means "never", which a test cannot want.
-                        response.duration =
-                            std::min(std::max(0.0, item["duration"].asDouble()), 3.2e7);
+                        response.duration = std::min(std::max(0.0, duration), 3.2e7);
                     }
                     entry.responses.push_back(std::move(response));
                 }
@@ -113,6 +116,12 @@ void Injector::terminate() {
     wake_.notify_all();
 }
 
+// The abort flag is set before this takes the mutex, so a waiter cannot miss it.
+void Injector::wake() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    wake_.notify_all();
+}
+
 bool Injector::mock(Http::Request& request, Http::Response& response) {
     response.mocked = false;
     std::unique_lock<std::mutex> lock(mutex_);
@@ -127,12 +136,14 @@ bool Injector::mock(Http::Request& request, Http::Response& response) {
     ++entry->useCount;
 
     if (answer.duration > 0) {
-        // Wait out the configured answer time; terminate() ends the wait early.
+        // Wait out the configured answer time; terminate() ends the wait
+        // early, and so does wake() once the request is to be aborted.
         auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                             std::chrono::duration<double>(answer.duration));
         unsigned generation = generation_;
-        wake_.wait_until(lock, deadline, [&] { return generation_ != generation; });
+        auto aborted = [&] { return request.abort != nullptr && request.abort->load(); };
+        wake_.wait_until(lock, deadline, [&] { return aborted() || generation_ != generation; });
     }
     lock.unlock();
 

@@ -23,6 +23,9 @@ public:
     void initialize(const Json::Value& injectors);
     // Drops every entry and cuts short any answer still waiting out its "duration".
     void terminate();
+    // Cuts short the answers waiting out their "duration" and keeps the entries;
+    // a request whose abort flag is set then gets its answer at once.
+    void wake();
 
     // True when an entry answered; the response is then filled and marked mocked.
     bool mock(Http::Request& request, Http::Response& response);

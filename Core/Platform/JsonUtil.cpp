@@ -4,39 +4,218 @@
 #include <json/writer.h>
 
 #include <cstring>
+#include <exception>
 #include <memory>
+
+#include "Core/Platform/Logger.h"
 
 namespace Zel {
 namespace Core {
 
 namespace {
-bool parseRange(const char* begin, const char* end, Json::Value& out) {
-    if (begin == end) {
-        return false;
+constexpr const char* kLogSource = "Platform/JsonUtil";
+
+// jsoncpp parses recursively and throws past its own stack limit, so the
+// nesting is measured first, outside strings.
+bool nestedWithin(const char* begin, const char* end, int limit) {
+    int depth = 0;
+    bool inString = false;
+    for (const char* p = begin; p < end; ++p) {
+        char c = *p;
+        if (inString) {
+            if (c == '\\') {
+                ++p;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > limit) {
+                return false;
+            }
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
     }
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(begin, end, &out, &errors);
+    return true;
+}
+
+const Json::Value& nullValue() {
+    // Never destroyed: agent threads may still read it while the process exits.
+    static const Json::Value* null = new Json::Value;
+    return *null;
+}
+
+void refuseMember(const char* key, const char* what) {
+    ZEL_LOG(ServiceCore, CategoryState, SeverityWarning, "Value of \"%s\" ignored: %s", key, what);
 }
 }  // namespace
 
+bool JsonUtil::ParseQuietly(const char* begin, const char* end, Json::Value& out,
+                            std::string& why) {
+    size_t size = static_cast<size_t>(end - begin);
+    if (begin == nullptr || size == 0) {
+        why = "empty text";
+        return false;
+    }
+    if (size > kMaxTextBytes) {
+        why = std::to_string(size) + " bytes is too large";
+        return false;
+    }
+    if (!nestedWithin(begin, end, kMaxDepth)) {
+        why = "nested deeper than " + std::to_string(kMaxDepth) + " levels";
+        return false;
+    }
+    try {
+        Json::CharReaderBuilder builder;
+        builder["stackLimit"] = kMaxDepth + 1;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value value;
+        std::string errors;
+        if (!reader->parse(begin, end, &value, &errors)) {
+            why = "not JSON";
+            return false;
+        }
+        out.swap(value);
+        return true;
+    } catch (const std::exception& error) {
+        why = error.what();
+    } catch (...) {
+        why = "unknown failure";
+    }
+    return false;
+}
+
 bool JsonUtil::Parse(const std::string& text, Json::Value& out) {
-    return parseRange(text.data(), text.data() + text.size(), out);
+    std::string why;
+    if (ParseQuietly(text.data(), text.data() + text.size(), out, why)) {
+        return true;
+    }
+    // Not JSON at all is an ordinary answer to some callers; only a text we
+    // refused for its size or shape is worth a line of its own.
+    if (why != "not JSON" && why != "empty text") {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityWarning, "JSON text of %zu bytes refused: %s",
+                text.size(), why.c_str());
+    }
+    return false;
 }
 
 bool JsonUtil::Parse(const char* text, Json::Value& out) {
     if (text == nullptr) {
         return false;
     }
-    return parseRange(text, text + std::strlen(text), out);
+    return Parse(std::string(text), out);
 }
 
-void JsonUtil::ReadString(const Json::Value& object, const char* key, std::string& field) {
-    const Json::Value& value = object[key];
-    if (!value.isNull() && value.isConvertibleTo(Json::stringValue)) {
-        field = value.asString();
+const Json::Value& JsonUtil::Member(const Json::Value& object, const char* key) {
+    if (!object.isObject()) {
+        return nullValue();
     }
+    const Json::Value* found = object.find(key, key + std::strlen(key));
+    return found != nullptr ? *found : nullValue();
+}
+
+bool JsonUtil::GetBool(const Json::Value& value, bool& out) {
+    if (!value.isBool()) {
+        return false;
+    }
+    out = value.asBool();
+    return true;
+}
+
+bool JsonUtil::GetUInt32(const Json::Value& value, uint32_t& out) {
+    // isUInt() is true only for integral values that fit, reals included.
+    if (!value.isUInt()) {
+        return false;
+    }
+    out = value.asUInt();
+    return true;
+}
+
+bool JsonUtil::GetInt64(const Json::Value& value, int64_t& out) {
+    if (!value.isInt64()) {
+        return false;
+    }
+    out = value.asInt64();
+    return true;
+}
+
+bool JsonUtil::GetDouble(const Json::Value& value, double& out) {
+    if (!value.isNumeric()) {
+        return false;
+    }
+    out = value.asDouble();
+    return true;
+}
+
+bool JsonUtil::GetString(const Json::Value& value, std::string& out) {
+    if (!value.isString()) {
+        return false;
+    }
+    std::string text = value.asString();
+    if (text.find('\0') != std::string::npos) {
+        return false;
+    }
+    out.swap(text);
+    return true;
+}
+
+bool JsonUtil::GetText(const Json::Value& value, std::string& out) {
+    if (value.isNull() || value.isArray() || value.isObject() ||
+        !value.isConvertibleTo(Json::stringValue)) {
+        return false;
+    }
+    std::string text = value.asString();
+    if (text.find('\0') != std::string::npos) {
+        return false;
+    }
+    out.swap(text);
+    return true;
+}
+
+bool JsonUtil::GetFlag(const Json::Value& value, bool& out) {
+    if (value.isNull() || !value.isConvertibleTo(Json::booleanValue)) {
+        return false;
+    }
+    out = value.asBool();
+    return true;
+}
+
+bool JsonUtil::ReadString(const Json::Value& object, const char* key, std::string& field) {
+    const Json::Value& value = Member(object, key);
+    if (value.isNull()) {
+        return false;
+    }
+    if (!GetText(value, field)) {
+        refuseMember(key, value.isString() ? "it holds a NUL character" : "not text");
+        return false;
+    }
+    return true;
+}
+
+bool JsonUtil::ReadBool(const Json::Value& object, const char* key, bool& field) {
+    const Json::Value& value = Member(object, key);
+    if (value.isNull()) {
+        return false;
+    }
+    if (!GetFlag(value, field)) {
+        refuseMember(key, "not a boolean");
+        return false;
+    }
+    return true;
+}
+
+bool JsonUtil::ReadUInt32(const Json::Value& object, const char* key, uint32_t& field) {
+    const Json::Value& value = Member(object, key);
+    if (value.isNull()) {
+        return false;
+    }
+    if (!GetUInt32(value, field)) {
+        refuseMember(key, "not a 32-bit unsigned number");
+        return false;
+    }
+    return true;
 }
 
 std::string JsonUtil::Compact(const Json::Value& value) {

@@ -10,6 +10,7 @@
 #include "Core/Platform/Appender.h"
 #include "Core/Platform/ConsoleAppender.h"
 #include "Core/Platform/FileAppender.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/LoggingEvent.h"
 #include "Core/Platform/StringUtil.h"
 #include "Core/Platform/SyslogAppender.h"
@@ -46,8 +47,8 @@ void createAppender(const Json::Value& element) {
             appender = std::make_unique<ConsoleAppender>(element, std::cerr);
         }
     } else if (type == "file") {
-        const Json::Value& append = element["append"];
-        bool appendFlag = append.isConvertibleTo(Json::booleanValue) && append.asBool();
+        bool appendFlag = false;
+        JsonUtil::GetFlag(JsonUtil::Member(element, "append"), appendFlag);
         appender = std::make_unique<FileAppender>(element, argument, appendFlag, kLogFileMode);
     } else if (type == "syslog") {
         appender = std::make_unique<SyslogAppender>(element, argument, LOG_USER);

@@ -1,5 +1,7 @@
 #include "Core/Platform/StringSetUtil.h"
 
+#include "Core/Platform/JsonUtil.h"
+
 namespace Zel {
 namespace Core {
 
@@ -56,9 +58,10 @@ void StringSetUtil::JsonArrayToStringSet(const Json::Value& array, std::set<std:
     if (!array.isArray()) {
         return;
     }
+    std::string text;
     for (const Json::Value& element : array) {
-        if (element.isString()) {
-            set.insert(element.asString());
+        if (JsonUtil::GetString(element, text)) {
+            set.insert(text);
         }
     }
 }

@@ -1,10 +1,10 @@
 #include "Core/Platform/TestFormat.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
 
 #include "Core/Platform/FilterProperties.h"
+#include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/LongFormat.h"
 
 namespace Zel {
@@ -23,9 +23,11 @@ std::string TestFormat::format(const LoggingEvent& event) {
 
     // Structured records arrive as JSON text and are carried as JSON, so the
     // reader of the log gets objects rather than quoted strings.
-    Json::Reader reader;
+    // Parsed quietly: this runs inside the logger, which must not log.
     Json::Value message;
-    if (reader.parse(event.message, message, false)) {
+    std::string why;
+    const char* text = event.message.data();
+    if (JsonUtil::ParseQuietly(text, text + event.message.size(), message, why)) {
         record["message"] = message;
     } else {
         record["message"] = "***BAD JSON***";

@@ -143,54 +143,107 @@ namespace Core {
 
 const char* const DeviceValues::kSwVersionBaseName = "swVersion";
 
-DeviceValues::DeviceValues(const char* text, const CoreConfig* config) : config_(config) {
+namespace {
+using Member = std::string DeviceValues::*;
+}  // namespace
+
+DeviceValues::DeviceValues(const char* text, const CoreConfig* config)
+    : config_(config), document_(ReadDocument(text)) {
+    static const std::pair<const char*, Member> kFields[] = {
+        {"id", &DeviceValues::id_},
+        {"model", &DeviceValues::model_},
+        {"subModel", &DeviceValues::subModel_},
+        {"platform", &DeviceValues::platform_},
+        {"brand", &DeviceValues::brand_},
+        {"esn", &DeviceValues::esn_},
+        {"mac", &DeviceValues::mac_},
+        {"swVersion", &DeviceValues::swVersion_},
+    };
+    // The plug-in sees the document's values where there are some: they win
+    // in the end anyway.
+    for (const auto& field : kFields) {
+        auto found = document_.find(field.first);
+        if (found != document_.end()) {
+            this->*field.second = found->second;
+        }
+    }
     setCustomValues();
     applyPlugin();
-
-    Json::Value root;
-    if (JsonUtil::Parse(text, root) && root.isObject()) {
-        JsonUtil::ReadString(root, "id", id_);
-        JsonUtil::ReadString(root, "model", model_);
-        JsonUtil::ReadString(root, "subModel", subModel_);
-        JsonUtil::ReadString(root, "platform", platform_);
-        JsonUtil::ReadString(root, "brand", brand_);
-        JsonUtil::ReadString(root, "esn", esn_);
-        JsonUtil::ReadString(root, "mac", mac_);
-        JsonUtil::ReadString(root, "swVersion", swVersion_);
+    for (const auto& field : kFields) {
+        auto found = document_.find(field.first);
+        if (found != document_.end()) {
+            this->*field.second = found->second;
+        }
     }
 }
 
+std::map<std::string, std::string> DeviceValues::ReadDocument(const char* text) {
+    std::map<std::string, std::string> values;
+    Json::Value root;
+    if (!JsonUtil::Parse(text, root) || !root.isObject()) {
+        return values;
+    }
+    for (const char* key :
+         {"id", "model", "subModel", "platform", "brand", "esn", "mac", "swVersion"}) {
+        std::string value;
+        if (JsonUtil::ReadString(root, key, value)) {
+            values[key] = value;
+        }
+    }
+    return values;
+}
+
 // The standard build describes the machine it runs on; model and subModel are
-// placeholders (the working directory) that a device build replaces.
+// placeholders (the working directory) that a device build replaces. Values
+// the document supplies are not looked up: some cost a shell command.
 void DeviceValues::setCustomValues() {
     std::string value;
-    bool found = machineId(value);
-    id_ = orUnknown(found, value);
-    esn_ = id_;
-
-    found = commandFirstLine("/bin/pwd", value);
-    model_ = orUnknown(found, value);
-    subModel_ = model_;
-
-    found = commandFirstLine("/bin/uname -o", value);
-    platform_ = orUnknown(found, value);
-
-    found = commandFirstLine("/usr/bin/lsb_release -si", value);
-    brand_ = orUnknown(found, value);
-
-    mac_ = macAddress(value) ? value : kNoMac;
+    if (!supplied("id") || !supplied("esn")) {
+        bool found = machineId(value);
+        std::string id = orUnknown(found, value);
+        if (!supplied("id")) {
+            id_ = id;
+        }
+        if (!supplied("esn")) {
+            esn_ = id;
+        }
+    }
+    if (!supplied("model") || !supplied("subModel")) {
+        bool found = commandFirstLine("/bin/pwd", value);
+        std::string model = orUnknown(found, value);
+        if (!supplied("model")) {
+            model_ = model;
+        }
+        if (!supplied("subModel")) {
+            subModel_ = model;
+        }
+    }
+    if (!supplied("platform")) {
+        bool found = commandFirstLine("/bin/uname -o", value);
+        platform_ = orUnknown(found, value);
+    }
+    if (!supplied("brand")) {
+        bool found = commandFirstLine("/usr/bin/lsb_release -si", value);
+        brand_ = orUnknown(found, value);
+    }
+    if (!supplied("mac")) {
+        mac_ = macAddress(value) ? value : kNoMac;
+    }
 
     if (config_ != nullptr && config_->getEnableSwVersionSimulation()) {
         swVersion_ = config_->getInitialSimulatedSwVersion();
         std::string content;
-        Json::Value stored;
-        if (FileUtil::Load(config_->getPersistentPath(), kSwVersionBaseName, content) &&
-            JsonUtil::Parse(content.c_str(), stored) && stored.isObject() &&
-            stored["swVersion"].isString()) {
-            swVersion_ = stored["swVersion"].asString();
+        std::string version;
+        auto usable = [&version](const std::string& text) {
+            Json::Value stored;
+            return JsonUtil::Parse(text, stored) &&
+                   JsonUtil::GetString(JsonUtil::Member(stored, "swVersion"), version);
+        };
+        if (FileUtil::Load(config_->getPersistentPath(), kSwVersionBaseName, content, usable)) {
+            swVersion_ = version;
         }
-    } else {
-        found = commandFirstLine("/usr/bin/lsb_release -sr", value);
+    } else if (!supplied("swVersion")) {
+        bool found = commandFirstLine("/usr/bin/lsb_release -sr", value);
         swVersion_ = orUnknown(found, value);
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 
 namespace Zel {
@@ -12,7 +13,8 @@ class CoreConfig;
 //   1. defaults read from the machine (setCustomValues());
 //   2. the vendor plug-in's "createDeviceValuesExt", when it exists;
 //   3. the keys present in the device document given to ZelInit.
-// A field the document leaves out therefore keeps the plug-in's value.
+// A field the document leaves out therefore keeps the plug-in's value, and
+// only such fields are read from the machine (some take a shell command).
 class DeviceValues {
 public:
     // `config` may be null (no software version simulation then).
@@ -37,11 +39,16 @@ public:
     // Base name of the persisted file holding the simulated version.
     static const char* const kSwVersionBaseName;
 
+    // The string members of a device document, by key; anything else is left out.
+    static std::map<std::string, std::string> ReadDocument(const char* text);
+
 private:
     void setCustomValues();
     void applyPlugin();
+    bool supplied(const char* key) const { return document_.count(key) != 0; }
 
     const CoreConfig* config_;
+    std::map<std::string, std::string> document_;
     std::string id_;
     std::string model_;
     std::string subModel_;
