@@ -33,7 +33,8 @@ void PersistentBase::drop() {
 
 bool PersistentBase::loadTokenFile(std::string& token) {
     token.clear();
-    bool loaded = config_ != nullptr && FileUtil::Load(getPersistentPath(), tokenBaseName_, token);
+    bool loaded = config_ != nullptr &&
+                  FileUtil::Load(getPersistentPath(), tokenBaseName_, token, IsUsableToken);
     if (!loaded) {
         token.clear();
     }
@@ -42,27 +43,39 @@ bool PersistentBase::loadTokenFile(std::string& token) {
 }
 
 // An empty token is not worth keeping: the file goes instead.
-void PersistentBase::storeTokenFile(const std::string& token) {
-    if (config_ == nullptr) {
-        logTestBackupToken(tokenBaseName_ + "Store", token, false);
-        return;
-    }
-    if (token.empty()) {
-        FileUtil::Drop(getPersistentPath(), tokenBaseName_);
-    } else {
-        FileUtil::Store(getPersistentPath(), tokenBaseName_, token);
-    }
-    logTestBackupToken(tokenBaseName_ + "Store", token, true);
-}
-
-void PersistentBase::storeValuesFile(const std::string& content) {
+bool PersistentBase::storeTokenFile(const std::string& token) {
+    bool stored = false;
     if (config_ != nullptr) {
-        FileUtil::Store(getPersistentPath(), valuesBaseName_, content);
+        if (token.empty()) {
+            FileUtil::Drop(getPersistentPath(), tokenBaseName_);
+            stored = true;
+        } else {
+            stored = FileUtil::Store(getPersistentPath(), tokenBaseName_, token);
+        }
     }
+    logTestBackupToken(tokenBaseName_ + "Store", token, stored);
+    return stored;
 }
 
-bool PersistentBase::loadValuesFile(std::string& content) {
-    return config_ != nullptr && FileUtil::Load(getPersistentPath(), valuesBaseName_, content);
+bool PersistentBase::IsUsableToken(const std::string& token) {
+    if (token.size() > kMaxTokenBytes) {
+        return false;
+    }
+    for (char c : token) {
+        if (c < 0x21 || c > 0x7e) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PersistentBase::storeValuesFile(const std::string& content) {
+    return config_ != nullptr && FileUtil::Store(getPersistentPath(), valuesBaseName_, content);
+}
+
+bool PersistentBase::loadValuesFile(std::string& content, const FileUtil::Validator& usable) {
+    return config_ != nullptr &&
+           FileUtil::Load(getPersistentPath(), valuesBaseName_, content, usable);
 }
 
 // The token is a credential: the record only says whether there was one.

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "Core/Platform/FileUtil.h"
+
 namespace Zel {
 namespace Core {
 
@@ -26,7 +28,12 @@ public:
     // record named after the token base name plus "Load" or "Store"; the token
     // itself never appears in the log.
     bool loadTokenFile(std::string& token);
-    void storeTokenFile(const std::string& token);
+    bool storeTokenFile(const std::string& token);
+
+    // A token goes into an Authorization header as it stands: printable
+    // ASCII only, and of a sane length.
+    static constexpr size_t kMaxTokenBytes = 8192;
+    static bool IsUsableToken(const std::string& token);
 
     const CoreConfig* getConfig() const { return config_; }
     // Empty when there is no configuration.
@@ -35,8 +42,8 @@ public:
     const std::string& getTokenBaseName() const { return tokenBaseName_; }
 
 protected:
-    void storeValuesFile(const std::string& content);
-    bool loadValuesFile(std::string& content);
+    bool storeValuesFile(const std::string& content);
+    bool loadValuesFile(std::string& content, const FileUtil::Validator& usable);
 
 private:
     void logTestBackupToken(const std::string& name, const std::string& token, bool success);

@@ -57,8 +57,9 @@ struct PersistentValues::Field {
     std::vector<std::string> PersistentValues::*list = nullptr;
 };
 
+// Never destroyed: StateControl may still store the values while the host exits.
 const std::vector<PersistentValues::Field>& PersistentValues::Fields() {
-    static const std::vector<Field> fields = {
+    static const std::vector<Field>* fields = new std::vector<Field>{
         Field("gidToken", &PersistentValues::gidToken_),
         Field("synchronized", &PersistentValues::synchronized_),
         Field("testMode", &PersistentValues::testMode_),
@@ -127,8 +128,21 @@ const std::vector<PersistentValues::Field>& PersistentValues::Fields() {
         Field("suCheckForSoftwareUpdate", &PersistentValues::suCheckForSoftwareUpdate_),
         Field("dsAllowedDataItemIds", &PersistentValues::dsAllowedDataItemIds_),
     };
-    return fields;
+    return *fields;
 }
+
+namespace {
+bool IsHostName(const std::string& name) {
+    for (char c : name) {
+        bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '-' || c == ':';
+        if (!allowed) {
+            return false;
+        }
+    }
+    return !name.empty();
+}
+}  // namespace
 
 PersistentValues::PersistentValues(const ProductIdentity* identity, const CoreConfig* config,
                                    const DeviceValues* device)
@@ -140,7 +154,13 @@ PersistentValues::PersistentValues(const ProductIdentity* identity, const CoreCo
     if (identity != nullptr && !identity->getCert().empty()) {
         std::string commonName;
         haveCommonName = X509Util::GetCommonName(identity->getCert(), commonName);
-        if (haveCommonName) {
+        // The name becomes the host part of every cloud URL: host-name
+        // characters and a port only.
+        if (haveCommonName && !IsHostName(commonName)) {
+            ZEL_LOG(ServiceCore, CategoryState, SeverityError,
+                    "The device certificate's common name is not a host name");
+            haveCommonName = false;
+        } else if (haveCommonName) {
             size_t dot = commonName.find('.');
             opid = commonName.substr(0, dot);
             instance = dot == std::string::npos ? std::string() : commonName.substr(dot + 1);
@@ -175,8 +195,8 @@ PersistentValues::PersistentValues(const ProductIdentity* identity, const CoreCo
     // Rewritten only when a token exists that the file does not hold yet: an
     // empty gid token beside a backup is exactly what token recovery needs.
     if (!gidToken_.empty() && gidToken_ != backupToken_) {
-        storeTokenFile(gidToken_);
         backupToken_ = gidToken_;
+        tokenPersisted_ = storeTokenFile(gidToken_);
     }
 
     setSdkVersion(kSdkVersion);
@@ -200,11 +220,11 @@ bool PersistentValues::setGidToken(const std::string& value) {
         // A retired token must not come back through token recovery.
         if (!backupToken_.empty()) {
             backupToken_.clear();
-            storeTokenFile(backupToken_);
+            tokenPersisted_ = storeTokenFile(backupToken_);
         }
     } else if (value != backupToken_) {
-        storeTokenFile(value);
         backupToken_ = value;
+        tokenPersisted_ = storeTokenFile(value);
     }
     return true;
 }
@@ -423,19 +443,28 @@ bool PersistentValues::testDaConsentState() {
     return true;
 }
 
+// A store that fails leaves the flags down, so the next evaluation tries again.
 void PersistentValues::store() {
+    if (!tokenPersisted_) {
+        tokenPersisted_ = storeTokenFile(backupToken_);
+    }
     if (persisted_) {
         return;
     }
     std::string text;
     marshal(text);
-    storeValuesFile(text);
-    persisted_ = true;
+    persisted_ = storeValuesFile(text);
 }
 
 bool PersistentValues::load() {
+    // A file that reads back intact but is no JSON object is as corrupt as
+    // one with a bad digest: it is deleted and the defaults stay.
+    auto usable = [](const std::string& text) {
+        Json::Value root;
+        return JsonUtil::Parse(text, root) && root.isObject();
+    };
     std::string text;
-    if (!loadValuesFile(text) || !unmarshal(text)) {
+    if (!loadValuesFile(text, usable) || !unmarshal(text)) {
         return false;
     }
     persisted_ = true;
@@ -479,28 +508,30 @@ bool PersistentValues::unmarshal(const std::string& text) {
         return false;
     }
     for (const Field& field : Fields()) {
-        const Json::Value& value = root[field.key];
+        const Json::Value& value = JsonUtil::Member(root, field.key);
         switch (field.kind) {
-            case Field::Text:
-                if (value.isString()) {
-                    this->*field.text = value.asString();
+            case Field::Text: {
+                std::string text;
+                // A stored token that could not be sent is no token.
+                if (JsonUtil::GetString(value, text) &&
+                    (field.text != &PersistentValues::gidToken_ || IsUsableToken(text))) {
+                    this->*field.text = text;
                 }
                 break;
+            }
             case Field::Flag:
-                if (value.isBool()) {
-                    this->*field.flag = value.asBool();
-                }
+                JsonUtil::GetBool(value, this->*field.flag);
                 break;
             case Field::Number:
-                if (value.isUInt()) {
-                    this->*field.number = value.asUInt();
+                JsonUtil::GetUInt32(value, this->*field.number);
+                break;
+            case Field::Consent: {
+                uint32_t consent = 0;
+                if (JsonUtil::GetUInt32(value, consent) && consent <= ConsentStateUnsupported) {
+                    this->*field.consent = static_cast<ConsentState>(consent);
                 }
                 break;
-            case Field::Consent:
-                if (value.isUInt() && value.asUInt() <= ConsentStateUnsupported) {
-                    this->*field.consent = static_cast<ConsentState>(value.asUInt());
-                }
-                break;
+            }
             case Field::TextList: {
                 if (!value.isArray()) {
                     break;
@@ -508,10 +539,12 @@ bool PersistentValues::unmarshal(const std::string& text) {
                 std::vector<std::string> items;
                 bool allText = true;
                 for (const Json::Value& item : value) {
-                    allText = allText && item.isString();
-                    if (allText) {
-                        items.push_back(item.asString());
+                    std::string text;
+                    allText = allText && JsonUtil::GetString(item, text);
+                    if (!allText) {
+                        break;
                     }
+                    items.push_back(text);
                 }
                 if (allText) {
                     this->*field.list = items;

@@ -258,7 +258,8 @@ public:
     bool testDaConsentUrl();
     bool testDaConsentState();
 
-    bool isPersisted() const { return persisted_; }
+    // False until both the values file and the token file hold what memory does.
+    bool isPersisted() const { return persisted_ && tokenPersisted_; }
     // Writes the values file when something changed since the last store/load.
     void store();
     // Reads the values file; false when there is none (defaults stay).
@@ -277,6 +278,8 @@ private:
 
     template <typename T>
     bool assign(T& field, const T& value);
+
+    bool tokenPersisted_ = true;  // the token file holds backupToken_
 
     std::string gidToken_ = "";
     bool synchronized_ = false;

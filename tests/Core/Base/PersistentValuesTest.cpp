@@ -4,6 +4,7 @@
 #include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <memory>
@@ -295,3 +296,55 @@ TEST_F(PersistentValuesTest, ConsentChangesAreReportedOnceAndTheTokenIsNeverLogg
 }
 
 }  // namespace
+
+TEST_F(PersistentValuesTest, PoisonedFilesAreDeletedLikeCorruptOnes) {
+    // Intact envelopes around content that cannot be used: each is deleted
+    // and the device starts without identity rather than with a bad one.
+    const struct {
+        const char* name;
+        const char* base;
+        std::string content;
+    } rows[] = {
+        {"values not JSON", "coreValues", "{\"gidToken\": \"x\","},
+        {"values not an object", "coreValues", "[1, 2]"},
+        {"values nested too deep", "coreValues", std::string(100000, '[')},
+        {"token that would inject a header", "coreToken", "abc\r\nX-Evil: 1"},
+        {"token with a NUL", "coreToken", std::string("abc\0def", 7)},
+        {"token too long to send", "coreToken", std::string(9000, 't')},
+        {"token file over the size cap", "coreToken", std::string(2 * 1024 * 1024, 't')},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        FileUtil::Drop(dir(), "coreValues");
+        FileUtil::Drop(dir(), "coreToken");
+        ZelTest::WriteFile(dir_.file(std::string(row.base) + "_0_" +
+                                     FileUtil::calcMd5Hash(row.content.data(), row.content.size())),
+                           row.content);
+        auto values = make();
+        EXPECT_EQ("", values->getGidToken());
+        EXPECT_EQ("", values->getBackupToken());
+        EXPECT_TRUE(files(row.base).empty());
+    }
+    // A token in the values file that could not be sent is no token either.
+    storeValues(R"({"gidToken": "two words"})");
+    EXPECT_EQ("", make()->getGidToken());
+}
+
+TEST(PersistentValuesStoreTest, FailedStoreIsRetriedByTheNextOne) {
+    TempDir dir;
+    const std::string path = dir.file("later");
+    Zel::Core::CoreConfig config(("{\"core\": {\"persistentPath\": \"" + path + "\"}}").c_str());
+    PersistentValues values(nullptr, &config, nullptr);
+    values.setOemMsg("hello");
+    values.setGidToken("token-1");
+    values.store();
+    EXPECT_FALSE(values.isPersisted());
+
+    ASSERT_EQ(0, mkdir(path.c_str(), 0755));
+    values.store();
+    EXPECT_TRUE(values.isPersisted());
+    std::string token;
+    EXPECT_TRUE(FileUtil::Load(path, "coreToken", token));
+    EXPECT_EQ("token-1", token);
+    EXPECT_EQ("hello", PersistentValues(nullptr, &config, nullptr).getOemMsg());
+}

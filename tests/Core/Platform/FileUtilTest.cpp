@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <functional>
 #include <set>
 
 #include "support/LogCapture.h"
@@ -190,6 +193,7 @@ TEST(FileUtilTest, FailedWriteKeepsOldFiles) {
     FileUtil::Store(dir.path(), "daTime", text);
 
     EXPECT_TRUE(capture.contains("Problem 21 opening file " + blocked + " for writing."));
+    EXPECT_FALSE(FileUtil::Store(dir.path(), "daTime", text));
     EXPECT_EQ(Files{oldName}, listed(dir.path(), "daTime_"));
     std::string content;
     ASSERT_TRUE(FileUtil::Load(dir.path(), "daTime", content));
@@ -214,4 +218,55 @@ TEST(FileUtilTest, DropRemovesEveryVersionAndThePlainFile) {
     EXPECT_FALSE(capture.contains("Error Deleting File."));
     std::string content;
     EXPECT_FALSE(FileUtil::Load(dir.path(), "drmp", content));
+}
+
+TEST(FileUtilTest, EntriesThatAreNoPlainFileAreRefusedAndRemoved) {
+    // Each entry carries a valid-looking name; reading it must neither block
+    // (a FIFO), nor follow a link to a device, nor read without bound.
+    ZelTest::TempDir outside;
+    const std::string victim = outside.file("victim");
+    ZelTest::WriteFile(victim, "keep me");
+    const std::string big(FileUtil::kMaxFileBytes + 1, 'x');
+    const struct {
+        const char* name;
+        std::function<void(const std::string& path)> make;
+    } rows[] = {
+        {"FIFO", [](const std::string& path) { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); }},
+        {"link to a device",
+         [](const std::string& path) { ASSERT_EQ(0, symlink("/dev/zero", path.c_str())); }},
+        {"link to a file outside",
+         [&](const std::string& path) { ASSERT_EQ(0, symlink(victim.c_str(), path.c_str())); }},
+        {"file over the size cap", [&](const std::string& path) { ZelTest::WriteFile(path, big); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ZelTest::TempDir dir;
+        ZelTest::LogCapture capture;
+        row.make(dir.file(nameFor("daTime", 0, "{}")));
+        std::string content;
+        EXPECT_FALSE(FileUtil::Load(dir.path(), "daTime", content));
+        EXPECT_TRUE(listed(dir.path(), "daTime_").empty());
+
+        // A store never writes through an entry that carries the new name.
+        row.make(dir.file(nameFor("daTime", 0, "{\"sec\":1}")));
+        EXPECT_TRUE(FileUtil::Store(dir.path(), "daTime", "{\"sec\":1}"));
+        ASSERT_TRUE(FileUtil::Load(dir.path(), "daTime", content));
+        EXPECT_EQ("{\"sec\":1}", content);
+    }
+    EXPECT_EQ("keep me", ZelTest::ReadFile(victim));
+}
+
+TEST(FileUtilTest, UnusableContentIsDeletedAndTheOlderVersionRead) {
+    ZelTest::TempDir dir;
+    ZelTest::LogCapture capture;
+    ZelTest::WriteFile(dir.file(nameFor("b", 3, "old")), "old");
+    ZelTest::WriteFile(dir.file(nameFor("b", 4, "bad")), "bad");
+    auto usable = [](const std::string& text) { return text != "bad"; };
+    std::string content;
+    ASSERT_TRUE(FileUtil::Load(dir.path(), "b", content, usable));
+    EXPECT_EQ("old", content);
+    EXPECT_TRUE(capture.contains("Bad file content"));
+    EXPECT_EQ(Files{nameFor("b", 3, "old")}, listed(dir.path(), "b_"));
+
+    EXPECT_FALSE(FileUtil::Store(dir.file("missing"), "b", "new"));
 }
