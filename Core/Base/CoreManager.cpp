@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "Core/Base/CoreConfig.h"
 #include "Core/Base/EventManager.h"
@@ -11,6 +12,7 @@
 #include "Core/Platform/FunctionTrace.h"
 #include "Core/Platform/Injector.h"
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/OpenSsl.h"
 #include "Core/Platform/TimeManager.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
@@ -62,6 +64,7 @@ CoreManager& CoreManager::Instance() {
 CoreManager::CoreManager() : statusSem_(false, CoreMutex()), managers_{&EventManager::Instance()} {}
 
 unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
+    KeepOpenSslPastExit();
     LockMutex lock(CoreMutex());
     if (state_ == Initialized) {
         return ZelResultAlreadyInitialized;
@@ -72,32 +75,74 @@ unsigned CoreManager::initialize(const char* identity, const char* config, const
     if (!TimeManager::Instance().isGoodTime()) {
         return ZelResultBadTime;
     }
-    state_ = Initialized;
-    configText_ = config;
-    config_ = std::make_unique<CoreConfig>(config);
-    identity_ = std::make_unique<ProductIdentity>(identity);
-    device_ = std::make_unique<DeviceValues>(device, config_.get());
-    persistent_ = std::make_unique<PersistentValues>(identity_.get(), config_.get(), device_.get());
-    volatile_ = std::make_unique<VolatileValues>();
-    stateSem_ = std::make_unique<TimedSem>(CoreMutex());
-    readTimerFile();
+    // All or nothing: until every core object stands, the agent stays
+    // Uninitialized and a failure leaves nothing behind.
+    if (!buildCoreObjects(identity, config, device)) {
+        return ZelResultBadArgument;
+    }
 
     // OpenSSL 3 initialises itself on first use, so skipSslCryptoInit has
     // nothing left to skip; the curl flag covers both ends of libcurl's life.
     Http::Initialize(!config_->getSkipCurlGlobalInit(), !config_->getSkipCurlGlobalInit());
     abort_ = false;
-    ThreadUtil::Start(stateThread_, StateControl, this, "StateControl");
-
-    ServiceContext context{configText_.c_str(), config_.get(), persistent_.get()};
-    for (ServiceManager* manager : managers_) {
-        manager->initialize(context);
+    if (!ThreadUtil::Start(stateThread_, StateControl, this, "StateControl")) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "ZelInit() cannot start StateControl");
+        Http::Terminate();
+        releaseCoreObjects();
+        return ZelResultBadArgument;
     }
-
-    // The host learns of the start through the status as of every other change.
-    signalStatusChange();
-    evaluateStateChanges();
-    logStateInfo();
+    state_ = Initialized;
+    try {
+        ServiceContext context{configText_.c_str(), config_.get(), persistent_.get()};
+        for (ServiceManager* manager : managers_) {
+            manager->initialize(context);
+        }
+        // The host learns of the start through the status as of every other change.
+        signalStatusChange();
+        evaluateStateChanges();
+        logStateInfo();
+    } catch (const std::exception& error) {
+        // Threads run by now: stop them the ordinary way.
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "ZelInit() failed: %s", error.what());
+        beginTermination(false);
+        return ZelResultBadArgument;
+    }
     return ZelResultSuccess;
+}
+
+bool CoreManager::buildCoreObjects(const char* identity, const char* config, const char* device) {
+    try {
+        configText_ = config;
+        config_ = std::make_unique<CoreConfig>(config);
+        identity_ = std::make_unique<ProductIdentity>(identity);
+        device_ = std::make_unique<DeviceValues>(device, config_.get());
+        persistent_ =
+            std::make_unique<PersistentValues>(identity_.get(), config_.get(), device_.get());
+        volatile_ = std::make_unique<VolatileValues>();
+        stateSem_ = std::make_unique<TimedSem>(CoreMutex());
+        readTimerFile();
+        return true;
+    } catch (const std::exception& error) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "ZelInit() failed: %s", error.what());
+    } catch (...) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "ZelInit() failed");
+    }
+    releaseCoreObjects();
+    return false;
+}
+
+void CoreManager::releaseCoreObjects() {
+    identity_.reset();
+    device_.reset();
+    persistent_.reset();
+    volatile_.reset();
+    stateSem_.reset();
+    config_.reset();
+    configText_.clear();
+    state_ = Uninitialized;
+    // The next ZelInit brings its own loggers and injectors.
+    Injector::Instance().terminate();
+    Logger::Instance().terminate();
 }
 
 unsigned CoreManager::terminate(bool factoryReset) {
@@ -108,6 +153,13 @@ unsigned CoreManager::terminate(bool factoryReset) {
     if (terminatingOrResetting()) {
         return ZelResultBusy;
     }
+    beginTermination(factoryReset);
+    return ZelResultSuccess;
+}
+
+// Core mutex held. Everything here only sets flags and wakes threads; the
+// waiting happens on TerminateThread.
+void CoreManager::beginTermination(bool factoryReset) {
     state_ = factoryReset ? FactoryResetting : Terminating;
     signalStatusChange();
 
@@ -115,6 +167,8 @@ unsigned CoreManager::terminate(bool factoryReset) {
     stateSem_->reset();
     // An exchange in flight is abandoned rather than waited for.
     abort_ = true;
+    Http::WakeAll();
+    Injector::Instance().wake();
 
     for (ServiceManager* manager : managers_) {
         manager->terminateBegin();
@@ -126,9 +180,15 @@ unsigned CoreManager::terminate(bool factoryReset) {
         DropPersistedFiles(config_->getPersistentPath());
     }
 
-    ThreadUtil::Start(terminateThread_, TerminateThread, this, "TerminateThread");
+    if (!ThreadUtil::Start(terminateThread_, TerminateThread, this, "TerminateThread")) {
+        // Better to make the host wait than to stay Terminating for ever.
+        ZEL_LOG(ServiceCore, CategoryState, SeverityError,
+                "Cannot start TerminateThread, stopping on the caller's thread");
+        UnlockMutex unlocked(CoreMutex());
+        finishTermination();
+        return;
+    }
     ThreadUtil::Detach(terminateThread_);
-    return ZelResultSuccess;
 }
 
 void* CoreManager::TerminateThread(void* self) {
@@ -151,17 +211,7 @@ void CoreManager::finishTermination() {
     ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "Performing Core cleanup");
     Http::Terminate();
     signalStatusChange();
-    identity_.reset();
-    device_.reset();
-    persistent_.reset();
-    volatile_.reset();
-    stateSem_.reset();
-    config_.reset();
-    configText_.clear();
-    state_ = Uninitialized;
-    // The next ZelInit brings its own loggers and injectors.
-    Injector::Instance().terminate();
-    Logger::Instance().terminate();
+    releaseCoreObjects();
 }
 
 unsigned CoreManager::factoryResetOffline(const char* config) {
@@ -170,10 +220,19 @@ unsigned CoreManager::factoryResetOffline(const char* config) {
         return ZelResultAlreadyInitialized;
     }
     state_ = FactoryResetting;
-    {
+    try {
         CoreConfig temporary(config);
         PersistentBase(&temporary).drop();
         DropPersistedFiles(temporary.getPersistentPath());
+        // The services drop their own state, as a reset of a running agent does.
+        std::string text = config;
+        ServiceContext context{text.c_str(), &temporary, nullptr};
+        for (ServiceManager* manager : managers_) {
+            manager->factoryResetOffline(context);
+        }
+    } catch (const std::exception& error) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "ZelFactoryResetOffline() failed: %s",
+                error.what());
     }
     state_ = Uninitialized;
     // The temporary configuration may have set up loggers and injectors.

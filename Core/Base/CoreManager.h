@@ -99,9 +99,11 @@ private:
     void setRequestBody(MicroService service, Http::Request& request) const;
     void getResponseHeaders(MicroService service, const Http::Response& response);
     bool getResponseBody(MicroService service, const Http::Response& response);
-    void applySynchronizeAnswer(const Json::Value& answer);
 
-    // Shut-down
+    // Start and shut-down
+    bool buildCoreObjects(const char* identity, const char* config, const char* device);
+    void releaseCoreObjects();
+    void beginTermination(bool factoryReset);
     static void* TerminateThread(void* self);
     void finishTermination();
 

@@ -34,6 +34,10 @@ public:
     virtual void cascadeStateChanges() {}
     // Fills this service's members of the status record, core mutex held.
     virtual void getStatus(ZelStatus&) {}
+    // ZelFactoryResetOffline, core mutex held, the agent not running: drop
+    // whatever this service keeps under the context's directories. The
+    // context carries no persistent values.
+    virtual void factoryResetOffline(const ServiceContext&) {}
 };
 
 }  // namespace Core

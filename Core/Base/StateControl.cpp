@@ -2,6 +2,7 @@
 // the loop that makes it.
 #include "Core/Base/CoreConfig.h"
 #include "Core/Base/CoreManager.h"
+#include "Core/Base/DaTimer.h"
 #include "Core/Base/PersistentValues.h"
 #include "Core/Base/ServiceManager.h"
 #include "Core/Platform/FileUtil.h"
@@ -14,7 +15,6 @@ namespace Core {
 
 namespace {
 constexpr const char* kLogSource = "Base/CoreManager";
-constexpr const char* kTimerBaseName = "daTime";
 
 timespec wallClock() {
     timespec now{};
@@ -131,26 +131,26 @@ void CoreManager::schedule(const timespec& now) {
 }
 
 void CoreManager::writeTimerFile() const {
-    Json::Value timer;
-    timer["sec"] = static_cast<Json::Int64>(volatile_->lastCall.tv_sec);
-    timer["nsec"] = static_cast<Json::Int64>(volatile_->lastCall.tv_nsec);
-    FileUtil::Store(config_->getPersistentPath(), kTimerBaseName, JsonUtil::Compact(timer));
+    FileUtil::Store(config_->getPersistentPath(), DaTimer::kBaseName,
+                    DaTimer::Format(volatile_->lastCall));
 }
 
+// A timer file that reads back intact but holds no usable time is deleted
+// like a corrupt one, so that it cannot poison every start.
 void CoreManager::readTimerFile() {
+    std::string name = config_->getPersistentPath() + DaTimer::kBaseName;
     std::string content;
-    if (!FileUtil::Load(config_->getPersistentPath(), kTimerBaseName, content)) {
-        return;
-    }
-    std::string name = config_->getPersistentPath() + kTimerBaseName;
-    Json::Value timer;
-    if (!JsonUtil::Parse(content, timer) || !timer.isObject() || !timer["sec"].isIntegral() ||
-        !timer["nsec"].isIntegral()) {
+    timespec stored{};
+    auto usable = [&](const std::string& text) {
+        if (DaTimer::Parse(text, stored)) {
+            return true;
+        }
         ZEL_LOG(ServiceCore, CategoryState, SeverityError, "Problem JSON parsing %s", name.c_str());
+        return false;
+    };
+    if (!FileUtil::Load(config_->getPersistentPath(), DaTimer::kBaseName, content, usable)) {
         return;
     }
-    timespec stored{static_cast<time_t>(timer["sec"].asInt64()),
-                    static_cast<long>(timer["nsec"].asInt64())};
     if (later(stored, wallClock())) {
         ZEL_LOG(ServiceCore, CategoryState, SeverityError,
                 "Problem reading %s, lastCall is in the future. Defaulting to clock start as "
@@ -186,7 +186,10 @@ void CoreManager::stateControl() {
                     "StateControl delaying %i.%03i seconds before running %s",
                     static_cast<int>(wait / 1000), static_cast<int>(wait % 1000),
                     MicroServiceToString(volatile_->nextDws));
-            if (stateSem_->wait(&volatile_->nextCall) == 0) {
+            // A copy: host threads may reschedule while we sleep, and the
+            // wait must not read a deadline that is being rewritten.
+            timespec deadline = volatile_->nextCall;
+            if (stateSem_->wait(&deadline) == 0) {
                 ZEL_LOG(ServiceCore, CategoryState, SeverityDebug,
                         "StateControl delay was previously reset");
                 continue;

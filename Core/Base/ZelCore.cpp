@@ -1,6 +1,7 @@
 // The library's C entry points. Each checks its arguments, then hands over to
 // the core; none of them lets an exception reach the host.
 #include <cstdarg>
+#include <exception>
 #include <string>
 
 #include "Core/Base/CoreManager.h"
@@ -16,14 +17,23 @@ namespace {
 constexpr const char* kLogSource = "Base/ZelCore";
 
 // The host's thread must never see an exception; a failure we did not foresee
-// is reported as a bad argument.
+// is logged and reported as a bad argument. The function trace carries the
+// entry point's own name.
 template <typename Body>
-ZelResult guarded(Body body) {
+ZelResult guarded(const char* function, int line, Body body) {
+    const char* what = "unknown exception";
     try {
+        FunctionTrace trace(function, kLogSource, line, ServiceCore);
         return body();
+    } catch (const std::exception& error) {
+        what = error.what();
     } catch (...) {
-        return ZelResultBadArgument;
     }
+    try {
+        ZEL_LOG(ServiceCore, CategoryClibapi, SeverityFatal, "%s() failed: %s", function, what);
+    } catch (...) {
+    }
+    return ZelResultBadArgument;
 }
 
 ZelResult badArgument(const char* message) {
@@ -39,8 +49,7 @@ void called(const char* function) {
 extern "C" {
 
 ZEL_API ZelResult ZelInit(const char* identity, const char* config, const char* device) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelInit", __LINE__, [&] {
         if (identity == nullptr) {
             return badArgument("ZelInit() called with bad identity value");
         }
@@ -56,24 +65,21 @@ ZEL_API ZelResult ZelInit(const char* identity, const char* config, const char* 
 }
 
 ZEL_API ZelResult ZelTerm(void) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelTerm", __LINE__, [&] {
         called("ZelTerm");
         return CoreManager::Instance().terminate(false);
     });
 }
 
 ZEL_API ZelResult ZelFactoryReset(void) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelFactoryReset", __LINE__, [&] {
         called("ZelFactoryReset");
         return CoreManager::Instance().terminate(true);
     });
 }
 
 ZEL_API ZelResult ZelFactoryResetOffline(const char* config) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelFactoryResetOffline", __LINE__, [&] {
         if (config == nullptr) {
             return badArgument("ZelFactoryResetOffline() called with bad config value");
         }
@@ -83,16 +89,14 @@ ZEL_API ZelResult ZelFactoryResetOffline(const char* config) {
 }
 
 ZEL_API ZelResult ZelEnableTestMode(void) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelEnableTestMode", __LINE__, [&] {
         called("ZelEnableTestMode");
         return CoreManager::Instance().enableTestMode();
     });
 }
 
 ZEL_API ZelResult ZelSetOemMsg(const char* msg) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelSetOemMsg", __LINE__, [&] {
         if (msg == nullptr) {
             return badArgument("ZelSetOemMsg() called with bad msg value");
         }
@@ -102,8 +106,7 @@ ZEL_API ZelResult ZelSetOemMsg(const char* msg) {
 }
 
 ZEL_API ZelResult ZelGetStatus(ZelStatusMethod method, ZelStatus* status) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelGetStatus", __LINE__, [&] {
         if (method > ZelStatusMethodWaitForChange) {
             return badArgument("ZelGetStatus() called with bad method value");
         }
@@ -116,8 +119,7 @@ ZEL_API ZelResult ZelGetStatus(ZelStatusMethod method, ZelStatus* status) {
 }
 
 ZEL_API ZelResult ZelFreeStatus(ZelStatus* status) {
-    return guarded([&] {
-        ZEL_TRACE(ServiceCore);
+    return guarded("ZelFreeStatus", __LINE__, [&] {
         if (status == nullptr) {
             return badArgument("ZelFreeStatus() called with bad status value");
         }
@@ -127,25 +129,33 @@ ZEL_API ZelResult ZelFreeStatus(ZelStatus* status) {
 }
 
 ZEL_API ZelResult ZelLogMessage(uint32_t severity, const char* format, ...) {
-    if (severity > 5) {
-        return badArgument("ZelLogMessage() called with bad severity value");
-    }
-    if (format == nullptr) {
-        return badArgument("ZelLogMessage() called with bad format value");
-    }
-    // Logged at the most verbose level so that host logging does not double our volume.
-    ZEL_LOG(ServiceCore, CategoryClibapi, SeverityTrace, "ZelLogMessage() called");
+    // The arguments are formatted here, where the va_list lives.
     std::string text;
-    va_list args;
-    va_start(args, format);
-    try {
-        text = StringUtil::Vform(format, args);
-    } catch (...) {
+    bool formatted = false;
+    if (severity <= 5 && format != nullptr) {
+        va_list args;
+        va_start(args, format);
+        try {
+            text = StringUtil::Vform(format, args);
+            formatted = true;
+        } catch (...) {
+        }
         va_end(args);
-        return ZelResultBadArgument;
     }
-    va_end(args);
-    return guarded([&] { return CoreManager::Instance().supervisorLog(6 - severity, text); });
+    return guarded("ZelLogMessage", __LINE__, [&] {
+        if (severity > 5) {
+            return badArgument("ZelLogMessage() called with bad severity value");
+        }
+        if (format == nullptr) {
+            return badArgument("ZelLogMessage() called with bad format value");
+        }
+        // Logged at the most verbose level so that host logging does not double our volume.
+        ZEL_LOG(ServiceCore, CategoryClibapi, SeverityTrace, "ZelLogMessage() called");
+        if (!formatted) {
+            return ZelResultBadArgument;
+        }
+        return CoreManager::Instance().supervisorLog(6 - severity, text);
+    });
 }
 
 }  // extern "C"

@@ -36,6 +36,7 @@ void BinarySem::takeLocked() {
             // failing from spinning.
             signalled_ = true;
             ZEL_LOG(ServiceCore, CategoryState, SeverityError, "BinarySem Problem: %d", error);
+            UnlockMutex unlocked(mutex_);
             sleep(1);
         }
     }

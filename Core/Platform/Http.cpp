@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
+#include <set>
 
 #include "Core/Platform/Injector.h"
 #include "Core/Platform/Logger.h"
@@ -28,91 +30,6 @@ struct MimeFree {
     void operator()(curl_mime* mime) const { curl_mime_free(mime); }
 };
 
-int PassphraseCallback(char* buffer, int size, int /*rwflag*/, void* data) {
-    const std::string& password = static_cast<const ProductIdentity*>(data)->getPassword();
-    if (size < 0 || password.size() > static_cast<size_t>(size)) {
-        return -1;
-    }
-    memcpy(buffer, password.data(), password.size());
-    return static_cast<int>(password.size());
-}
-
-CURLcode InstallTrust(SSL_CTX* ctx, const ProductIdentity& identity) {
-    X509InfoStackPtr infos = ReadCertificates(identity.getTrust());
-    X509StorePtr store(X509_STORE_new());
-    if (!infos || !store) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot read the trust chain: %s",
-                OpenSslErrors().c_str());
-        return CURLE_SSL_CACERT_BADFILE;
-    }
-    int added = AddCertificates(store.get(), infos.get());
-    if (added < 0) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
-                "Cannot add a trusted certificate: %s", OpenSslErrors().c_str());
-        return CURLE_SSL_CACERT_BADFILE;
-    }
-    if (added == 0) {
-        ERR_clear_error();
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
-                "No certificate in the trust chain");
-        return CURLE_SSL_CACERT_BADFILE;
-    }
-    // The context takes the store over; only the identity's trust counts.
-    SSL_CTX_set_cert_store(ctx, store.release());
-    return CURLE_OK;
-}
-
-CURLcode InstallCertificate(SSL_CTX* ctx, const ProductIdentity& identity) {
-    X509InfoStackPtr infos = ReadCertificates(identity.getCert());
-    X509* client = nullptr;
-    for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
-        X509* cert = sk_X509_INFO_value(infos.get(), i)->x509;
-        if (cert == nullptr) {
-            continue;
-        }
-        if (client == nullptr) {
-            client = cert;
-            continue;
-        }
-        // Intermediates go out with the client certificate; the context
-        // owns what it is given, the stack keeps its own.
-        X509Ptr copy(X509_dup(cert));
-        if (!copy || SSL_CTX_add_extra_chain_cert(ctx, copy.get()) != 1) {
-            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
-                    "Cannot add a chain certificate: %s", OpenSslErrors().c_str());
-            return CURLE_SSL_CERTPROBLEM;
-        }
-        copy.release();
-    }
-    if (client == nullptr) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
-                "Cannot read the client certificate: %s", OpenSslErrors().c_str());
-        return CURLE_SSL_CERTPROBLEM;
-    }
-    if (SSL_CTX_use_certificate(ctx, client) != 1) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
-                "Cannot use the client certificate: %s", OpenSslErrors().c_str());
-        return CURLE_SSL_CERTPROBLEM;
-    }
-    return CURLE_OK;
-}
-
-CURLcode InstallPrivateKey(SSL_CTX* ctx, const ProductIdentity& identity) {
-    PkeyPtr key = ReadPrivateKey(identity.getKey(), PassphraseCallback,
-                                 const_cast<ProductIdentity*>(&identity));
-    if (!key) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot read the private key: %s",
-                OpenSslErrors().c_str());
-        return CURLE_SSL_CERTPROBLEM;
-    }
-    if (SSL_CTX_use_PrivateKey(ctx, key.get()) != 1) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "Cannot use the private key: %s",
-                OpenSslErrors().c_str());
-        return CURLE_SSL_CERTPROBLEM;
-    }
-    return CURLE_OK;
-}
-
 // Called by libcurl for every new TLS connection, before the handshake.
 CURLcode SslContextCallback(CURL* /*handle*/, void* sslContext, void* data) {
     auto* ctx = static_cast<SSL_CTX*>(sslContext);
@@ -123,13 +40,7 @@ CURLcode SslContextCallback(CURL* /*handle*/, void* sslContext, void* data) {
         return CURLE_SSL_CERTPROBLEM;
     }
     ERR_clear_error();
-    CURLcode code = InstallTrust(ctx, *identity);
-    if (code == CURLE_OK) {
-        code = InstallCertificate(ctx, *identity);
-    }
-    if (code == CURLE_OK) {
-        code = InstallPrivateKey(ctx, *identity);
-    }
+    CURLcode code = identity->getTlsCredentials().install(ctx);
     ERR_clear_error();
     return code;
 }
@@ -169,8 +80,14 @@ int DebugCallback(CURL* /*handle*/, curl_infotype type, char* text, size_t size,
 
 size_t WriteCallback(char* data, size_t size, size_t count, void* user) {
     auto* response = static_cast<Http::Response*>(user);
-    response->body.append(data, size * count);
-    return size * count;
+    size_t length = size * count;
+    if (length > response->bodyLimit - std::min(response->bodyLimit, response->body.size())) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "Response body larger than %zu bytes refused", response->bodyLimit);
+        return 0;  // fails the transfer with CURLE_WRITE_ERROR
+    }
+    response->body.append(data, length);
+    return length;
 }
 
 size_t HeaderCallback(char* data, size_t size, size_t count, void* user) {
@@ -189,14 +106,105 @@ size_t HeaderCallback(char* data, size_t size, size_t count, void* user) {
     return length;
 }
 
-int ProgressCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    const auto* request = static_cast<const Http::Request*>(user);
-    if (request->abort != nullptr && request->abort->load()) {
+bool Aborted(const Http::Request& request) {
+    if (request.abort != nullptr && request.abort->load()) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityInfo, "Aborting transfer of %s",
-                request->url.c_str());
-        return 1;
+                request.url.c_str());
+        return true;
     }
-    return 0;
+    return false;
+}
+
+int ProgressCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return Aborted(*static_cast<const Http::Request*>(user)) ? 1 : 0;
+}
+
+// The multi handles of the exchanges in flight, for WakeAll. Never destroyed:
+// an agent thread may still be leaving an exchange while the host exits.
+struct InFlight {
+    std::mutex mutex;
+    std::set<CURLM*> multis;
+};
+
+InFlight& inFlight() {
+    static InFlight* registry = new InFlight;
+    return *registry;
+}
+
+// Listed for the duration of one transfer; a wake-up happens under the same
+// lock, so it never reaches a multi handle that is gone.
+class InFlightEntry {
+public:
+    explicit InFlightEntry(CURLM* multi) : multi_(multi) {
+        std::lock_guard<std::mutex> lock(inFlight().mutex);
+        inFlight().multis.insert(multi_);
+    }
+    ~InFlightEntry() {
+        std::lock_guard<std::mutex> lock(inFlight().mutex);
+        inFlight().multis.erase(multi_);
+    }
+    InFlightEntry(const InFlightEntry&) = delete;
+    InFlightEntry& operator=(const InFlightEntry&) = delete;
+
+private:
+    CURLM* multi_;
+};
+
+// Runs the prepared transfer through the request's multi handle, so that a
+// wake-up or the abort flag ends the wait at once.
+CURLcode Transfer(Http::Request& request) {
+    if (!request.multi) {
+        request.multi.reset(curl_multi_init());
+        if (!request.multi) {
+            ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "curl_multi_init() failed");
+            return CURLE_OUT_OF_MEMORY;
+        }
+    }
+    CURLM* multi = request.multi.get();
+    CURL* easy = request.handle.get();
+    CURLMcode added = curl_multi_add_handle(multi, easy);
+    if (added != CURLM_OK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                "curl_multi_add_handle failed with code %d - \"%s\"", static_cast<int>(added),
+                curl_multi_strerror(added));
+        return CURLE_FAILED_INIT;
+    }
+    CURLcode result = CURLE_ABORTED_BY_CALLBACK;
+    {
+        InFlightEntry entry(multi);
+        for (;;) {
+            // Registered before the first look at the flag: an abort set
+            // after this look also wakes the poll below.
+            if (Aborted(request)) {
+                break;
+            }
+            int running = 0;
+            CURLMcode code = curl_multi_perform(multi, &running);
+            bool done = false;
+            int queued = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+                if (message->msg == CURLMSG_DONE && message->easy_handle == easy) {
+                    result = message->data.result;
+                    done = true;
+                }
+            }
+            if (done) {
+                break;
+            }
+            if (code == CURLM_OK) {
+                code = curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+            }
+            if (code != CURLM_OK) {
+                ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
+                        "curl_multi_perform failed with code %d - \"%s\"", static_cast<int>(code),
+                        curl_multi_strerror(code));
+                result = CURLE_FAILED_INIT;
+                break;
+            }
+        }
+    }
+    curl_multi_remove_handle(multi, easy);
+    return result;
 }
 
 template <typename T>
@@ -381,7 +389,9 @@ bool Http::Perform(Request& request, Response& response) {
         // Same handle, same connection; only the options start afresh.
         curl_easy_reset(request.handle.get());
     } else {
+        // A one-off request keeps no connection from an earlier call either.
         request.handle.reset();
+        request.multi.reset();
         request.keepAlive = false;
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "curl_easy_init()");
         request.handle.reset(curl_easy_init());
@@ -395,12 +405,13 @@ bool Http::Perform(Request& request, Response& response) {
     request.headerList.reset();
 
     std::unique_ptr<curl_mime, MimeFree> mime;
+    response.bodyLimit = request.maxBodyBytes;
     if (!SetUpHandle(request, response, mime)) {
         return false;
     }
 
     CURL* handle = request.handle.get();
-    CURLcode code = curl_easy_perform(handle);
+    CURLcode code = Transfer(request);
     mime.reset();
     if (code != CURLE_OK) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
@@ -430,8 +441,16 @@ void Http::Cleanup(Request& request) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityDebug, "curl_easy_cleanup()");
         request.handle.reset();
     }
+    request.multi.reset();
     request.headerList.reset();
     request.keepAlive = false;
+}
+
+void Http::WakeAll() {
+    std::lock_guard<std::mutex> lock(inFlight().mutex);
+    for (CURLM* multi : inFlight().multis) {
+        curl_multi_wakeup(multi);
+    }
 }
 
 void Http::PrintRequest(const Request& request) {

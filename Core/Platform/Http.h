@@ -26,6 +26,13 @@ public:
     struct SlistDeleter {
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     };
+    struct MultiDeleter {
+        void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+    };
+
+    // A body beyond this is refused and the exchange fails: no answer of a
+    // micro-service comes near it.
+    static constexpr size_t kMaxBodyBytes = 1024 * 1024;
 
     struct Request {
         std::string url;
@@ -41,11 +48,15 @@ public:
         // Keeps the handle, and with it the connection, across Perform calls
         // until Cleanup, with TCP keep-alive so an idle connection survives.
         bool reusable = false;
-        // When it turns true the running exchange is aborted (checked by the
-        // progress callback, which libcurl calls at least once a second).
+        // When it turns true the running exchange is aborted; WakeAll makes a
+        // waiting exchange look at it at once.
         const std::atomic<bool>* abort = nullptr;
+        size_t maxBodyBytes = kMaxBodyBytes;
 
         // Owned by the request, released by Http::Cleanup (or with the request).
+        // The transfer runs through the multi handle, which also keeps the
+        // connection for the next call; declared first, it outlives the easy handle.
+        std::unique_ptr<CURLM, MultiDeleter> multi;
         std::unique_ptr<CURL, CurlDeleter> handle;
         std::unique_ptr<curl_slist, SlistDeleter> headerList;
         bool keepAlive = false;  // the handle has been set up for TCP keep-alive
@@ -58,6 +69,7 @@ public:
         std::string body;
         std::vector<std::string> headers;  // "Name: value", without the status line
         bool mocked = false;               // answered by the Injector
+        size_t bodyLimit = kMaxBodyBytes;  // set from the request by Perform
     };
 
     // curl_global_init when `globalInit`; `globalCleanup` decides whether
@@ -68,6 +80,9 @@ public:
 
     static bool Perform(Request& request, Response& response);
     static void Cleanup(Request& request);
+    // Wakes every exchange in flight so that it sees its abort flag now,
+    // rather than at libcurl's next progress call, up to a second later.
+    static void WakeAll();
 
     static void PrintRequest(const Request& request);
     static void PrintResponse(const Request& request, const Response& response);

@@ -1,5 +1,6 @@
 #include "Core/Platform/OpenSsl.h"
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -36,6 +37,10 @@ std::string OpenSslFirstError() {
     ERR_error_string_n(ERR_get_error(), text, sizeof text);
     ERR_clear_error();
     return text;
+}
+
+void KeepOpenSslPastExit() {
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 }
 
 X509Ptr ReadCertificate(std::string_view pem) {

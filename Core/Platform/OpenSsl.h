@@ -40,6 +40,11 @@ std::string OpenSslErrors();
 // for the same reason.
 std::string OpenSslFirstError();
 
+// Asks OpenSSL not to clean itself up at process exit, which it would do under
+// an agent thread still in a handshake when the host exits without ZelTerm.
+// Only the first initialisation in the process decides, so this comes first.
+void KeepOpenSslPastExit();
+
 // The first certificate of a PEM text; empty when there is none.
 X509Ptr ReadCertificate(std::string_view pem);
 

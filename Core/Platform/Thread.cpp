@@ -4,12 +4,18 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <mutex>
+#include <new>
+
+#include "Core/Platform/Logger.h"
 
 namespace Zel {
 namespace Core {
 
 namespace {
+
+constexpr const char* kLogSource = "Platform/Thread";
 
 // A detached thread may still be on its way out when the host returns from
 // main, so what it touches last is never destroyed.
@@ -43,18 +49,31 @@ void* trampoline(void* raw) {
     if (launch.name[0] != '\0') {
         pthread_setname_np(pthread_self(), launch.name);
     }
-    void* result = launch.routine(launch.arg);
+    void* result = nullptr;
+    // The last resort: an exception must end this thread, not the host's process.
+    try {
+        result = launch.routine(launch.arg);
+    } catch (const std::exception& error) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "Thread %s ended by an exception: %s",
+                launch.name, error.what());
+    } catch (...) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityFatal, "Thread %s ended by an exception",
+                launch.name);
+    }
     threadEnded();
     return result;
 }
 
 }  // namespace
 
-void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name) {
+bool ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name) {
     if (thread.running) {
-        return;
+        return true;
     }
-    auto* launch = new Launch{routine, arg, {}};
+    auto* launch = new (std::nothrow) Launch{routine, arg, {}};
+    if (launch == nullptr) {
+        return false;
+    }
     if (name != nullptr) {
         // Linux keeps at most 15 characters of a thread name.
         std::snprintf(launch->name, sizeof launch->name, "%s", name);
@@ -69,6 +88,7 @@ void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const
         delete launch;
         threadEnded();
     }
+    return thread.running;
 }
 
 void ThreadUtil::Join(Thread& thread) {

@@ -17,8 +17,10 @@ struct Thread {
 // to leave none behind.
 class ThreadUtil {
 public:
-    // Does nothing when the thread is already running.
-    static void Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name);
+    // Does nothing when the thread is already running; false when it is not
+    // running afterwards. An exception that reaches the top of the routine is
+    // logged at fatal severity and ends the thread, never the process.
+    static bool Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name);
     static void Join(Thread& thread);
     static void Detach(Thread& thread);
 

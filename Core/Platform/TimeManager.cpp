@@ -14,8 +14,11 @@ constexpr long kNsPerSecond = 1000000000L;
 constexpr long kNsPerMs = 1000000L;
 
 // Guards the injected clock: tests swap it while control threads may be asking
-// whether the time is good.
-std::mutex clockMutex;
+// whether the time is good. Never destroyed, like the manager itself.
+std::mutex& clockMutex() {
+    static std::mutex* mutex = new std::mutex;
+    return *mutex;
+}
 }  // namespace
 
 namespace Zel {
@@ -48,15 +51,16 @@ void ApplyDelayRule(const timespec& now, timespec& deadline, unsigned fixed, uns
     }
 }
 
+// Never destroyed: agent threads may still read the clock while the host exits.
 TimeManager& TimeManager::Instance() {
-    static TimeManager instance;
-    return instance;
+    static TimeManager* instance = new TimeManager;
+    return *instance;
 }
 
 timespec TimeManager::now() const {
     std::function<timespec()> clock;
     {
-        std::lock_guard<std::mutex> guard(clockMutex);
+        std::lock_guard<std::mutex> guard(clockMutex());
         clock = clock_;
     }
     if (clock) {
@@ -68,7 +72,7 @@ timespec TimeManager::now() const {
 }
 
 void TimeManager::setClock(std::function<timespec()> clock) {
-    std::lock_guard<std::mutex> guard(clockMutex);
+    std::lock_guard<std::mutex> guard(clockMutex());
     clock_ = std::move(clock);
 }
 

@@ -53,11 +53,13 @@ int TimedSem::wait(const timespec* deadline) {
         }
         if (error != 0) {
             // End the wait as if reset; the pause keeps a wait that keeps
-            // failing from spinning.
+            // failing from spinning, and is taken without the mutex so that
+            // nobody else waits for it.
             signalled_ = true;
             ZEL_LOG(ServiceCore, CategoryState, SeverityError, "TimedSem Problem: %d %d.%09ds",
                     error, deadline != nullptr ? static_cast<int>(deadline->tv_sec) : 0,
                     deadline != nullptr ? static_cast<int>(deadline->tv_nsec) : 0);
+            UnlockMutex unlocked(mutex_);
             sleep(1);
         }
         if (signalled_) {

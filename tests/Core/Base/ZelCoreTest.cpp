@@ -4,6 +4,9 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <set>
+#include <sstream>
+
 #include "Core/Platform/TimeManager.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -82,4 +85,36 @@ TEST(ZelCore, HostSeveritiesMapOntoTheAgentsFromTraceToFatal) {
     EXPECT_NE(std::string::npos, trace.find("zero is trace\n"));
     EXPECT_EQ(std::string::npos, trace.find("six is nothing"));
     EXPECT_NE(std::string::npos, trace.find("ZelLogMessage() called with bad severity value"));
+}
+
+TEST(ZelCore, EveryEntryPointTracesUnderItsOwnName) {
+    ZelTest::TempDir dir;
+    std::string logPath = dir.file("test.log");
+    Json::Value loggers = ZelTest::LogCapture::LoggersConfig(logPath, "debug");
+    loggers[0]["format"] = "medium";
+    ASSERT_EQ(ZelResultSuccess,
+              ZelInit(sample("identity.json").c_str(), config(dir, loggers).c_str(),
+                      sample("device.json").c_str()));
+    ZelSetOemMsg("traced");
+    ZelEnableTestMode();
+    ZelLogMessage(3, "traced too");
+    ZelStatus status{};
+    ZelGetStatus(ZelStatusMethodNow, &status);
+    ZelFreeStatus(&status);
+    stop();
+
+    std::set<std::string> entered;
+    std::istringstream lines(ZelTest::ReadFile(logPath));
+    // "... clibapi    debug   ZelGetStatus()       Function Enter"
+    for (std::string line; std::getline(lines, line);) {
+        size_t end = line.find("()");
+        if (line.find("Function Enter") != std::string::npos && end != std::string::npos) {
+            entered.insert(line.substr(line.rfind(' ', end) + 1, end - line.rfind(' ', end) - 1));
+        }
+    }
+    for (const char* name : {"ZelSetOemMsg", "ZelEnableTestMode", "ZelLogMessage", "ZelGetStatus",
+                             "ZelFreeStatus", "ZelTerm"}) {
+        EXPECT_EQ(1u, entered.count(name)) << name;
+    }
+    EXPECT_EQ(0u, entered.count("operator()"));
 }
