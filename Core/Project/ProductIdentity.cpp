@@ -18,7 +18,7 @@ ProductIdentity::ProductIdentity(const char* text) {
     setCustomValues();
 
     Json::Value root;
-    if (JsonUtil::Parse(text, root) && root.isObject()) {
+    if (JsonUtil::Parse(text, root)) {
         JsonUtil::ReadString(root, "key", encodedKey_);
         JsonUtil::ReadString(root, "cert", encodedCert_);
         JsonUtil::ReadString(root, "trust", encodedTrust_);
@@ -47,6 +47,7 @@ ProductIdentity::ProductIdentity(const char* text) {
                     "Identity value \"%s\" is not valid base64", field.name);
         }
     }
+    credentials_ = std::make_unique<TlsCredentials>(trust_, cert_, key_, password_);
 }
 
 // The key's pass phrase defaults to what the vendor plug-in supplies.

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include "Core/Platform/TlsCredentials.h"
 
 namespace Zel {
 namespace Core {
@@ -21,6 +24,9 @@ public:
     // every transfer that needs it fails with a logged reason.
     bool isValid() const { return valid_; }
 
+    // The same identity read into OpenSSL's objects, once, for every TLS connection.
+    const TlsCredentials& getTlsCredentials() const { return *credentials_; }
+
 private:
     void setCustomValues();
 
@@ -32,6 +38,7 @@ private:
     std::string trust_;
     std::string password_;
     bool valid_ = true;
+    std::unique_ptr<TlsCredentials> credentials_;
 };
 
 }  // namespace Core
