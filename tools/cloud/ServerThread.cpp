@@ -1,13 +1,19 @@
 #include "tools/cloud/ServerThread.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
 #include <chrono>
 
 namespace ZelCloud {
 
 int ServerThread::bind(const std::string& host, int port) {
+    // Accepted sockets inherit TCP_NODELAY from the listener: without it every
+    // small answer waits about 40 ms on Nagle and the client's delayed ACK.
     server_.set_socket_options([](socket_t sock) {
         int yes = 1;
         setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+        setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
     });
     if (port == 0) {
         port = server_.bind_to_any_port(host);

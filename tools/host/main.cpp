@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -16,14 +17,37 @@
 namespace {
 
 // Waits for a stop signal (or the run's duration) and asks the agent to stop.
-void awaitStop(const sigset_t& signals, unsigned durationSeconds, std::atomic<bool>& stopping) {
-    int signal;
-    if (durationSeconds > 0) {
-        timespec timeout{static_cast<time_t>(durationSeconds), 0};
-        signal = sigtimedwait(&signals, nullptr, &timeout);
-    } else {
-        sigwait(&signals, &signal);
+// A wait interrupted by something else (a debugger attaching, say) goes on
+// for the rest of the duration.
+int waitForSignal(const sigset_t& signals, unsigned durationSeconds) {
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(durationSeconds);
+    for (;;) {
+        int signal;
+        if (durationSeconds == 0) {
+            signal = sigwaitinfo(&signals, nullptr);
+        } else {
+            timespec now{};
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            timespec left{end.tv_sec - now.tv_sec, end.tv_nsec - now.tv_nsec};
+            if (left.tv_nsec < 0) {
+                left.tv_nsec += 1000000000L;
+                --left.tv_sec;
+            }
+            if (left.tv_sec < 0) {
+                return -1;
+            }
+            signal = sigtimedwait(&signals, nullptr, &left);
+        }
+        if (signal > 0 || errno != EINTR) {
+            return signal;
+        }
     }
+}
+
+void awaitStop(const sigset_t& signals, unsigned durationSeconds, std::atomic<bool>& stopping) {
+    int signal = waitForSignal(signals, durationSeconds);
     if (signal > 0) {
         std::printf("zel-host: signal %d, stopping the agent\n", signal);
     } else {
