@@ -152,10 +152,13 @@ Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
         log_.add(record);
         return answer;
     }
-    if (fault.drop || fault.status != 0 || fault.badJson) {
+    if (fault.drop || fault.status != 0 || fault.badJson || fault.hasBody) {
         record.note = fault.describe();
         if (fault.drop) {
             answer.drop = true;
+        } else if (fault.hasBody) {
+            answer.status = fault.bodyStatus;
+            answer.body = std::move(fault.body);
         } else if (fault.status != 0) {
             answer.status = fault.status;
             answer.body = "{}";

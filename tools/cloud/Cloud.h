@@ -76,7 +76,8 @@ public:
     void setSettings(const Json::Value& keys);
     Json::Value settings() const;
     void addFault(const FaultPlan::Fault& fault);
-    // {"path", "status"? | "delayMs"? | "drop"? | "badJson"?, "count"?}
+    // {"path", "status"? | "delayMs"? | "drop"? | "badJson"?, "count"?}, or
+    // {"path", "body", "status"?, "count"?}
     bool addFault(const Json::Value& fields, std::string& error);
     void setUnsynchronized(unsigned count);
     // An empty device marks every device. False when the device is unknown.

@@ -21,6 +21,8 @@ const char* KindName(FaultPlan::Kind kind) {
             return "drop";
         case FaultPlan::Kind::BadJson:
             return "badJson";
+        case FaultPlan::Kind::Body:
+            return "body";
     }
     return "unknown";
 }
@@ -38,6 +40,9 @@ std::string FaultPlan::Action::describe() const {
     }
     if (drop) {
         append("dropped");
+    } else if (hasBody) {
+        append("body of " + std::to_string(body.size()) + " bytes, status " +
+               std::to_string(bodyStatus));
     } else if (status != 0) {
         append("status " + std::to_string(status));
     } else if (badJson) {
@@ -71,15 +76,22 @@ bool FaultPlan::add(const Json::Value& fields, std::string& error) {
     }
 
     std::vector<Fault> faults;
-    if (fields.isMember("status")) {
-        const Json::Value& status = fields["status"];
-        if (!status.isIntegral() || status.asInt() < 100 || status.asInt() > 599) {
+    const bool hasBody = fields.isMember("body");
+    if (hasBody && !fields["body"].isString()) {
+        error = "\"body\" must be a string";
+        return false;
+    }
+    if (fields.isMember("status") || hasBody) {
+        const Json::Value& status = fields.get("status", 200);
+        if (!status.isInt() || status.asInt() < 100 || status.asInt() > 599) {
             error = "\"status\" must be an HTTP status code";
             return false;
         }
         Fault f = fault;
-        f.kind = Kind::Status;
+        // With a body the status is the body's own, not a fault of its own.
+        f.kind = hasBody ? Kind::Body : Kind::Status;
         f.status = status.asInt();
+        f.body = fields["body"].asString();
         faults.push_back(f);
     }
     if (fields.isMember("delayMs")) {
@@ -109,7 +121,7 @@ bool FaultPlan::add(const Json::Value& fields, std::string& error) {
         }
     }
     if (faults.empty()) {
-        error = "a fault needs one of \"status\", \"delayMs\", \"drop\", \"badJson\"";
+        error = "a fault needs one of \"status\", \"delayMs\", \"drop\", \"badJson\", \"body\"";
         return false;
     }
     for (const Fault& f : faults) {
@@ -123,7 +135,7 @@ FaultPlan::Action FaultPlan::take(const std::string& path) {
     std::lock_guard<std::mutex> lock(mutex_);
     // Only the first fault of each kind counts, so queued faults of one kind
     // apply one after the other.
-    bool seen[4] = {false, false, false, false};
+    bool seen[5] = {false, false, false, false, false};
     for (Fault& fault : faults_) {
         size_t index = static_cast<size_t>(fault.kind);
         if (seen[index] || !EndsWith(path, fault.path)) {
@@ -142,6 +154,11 @@ FaultPlan::Action FaultPlan::take(const std::string& path) {
                 break;
             case Kind::BadJson:
                 action.badJson = true;
+                break;
+            case Kind::Body:
+                action.hasBody = true;
+                action.bodyStatus = fault.status != 0 ? fault.status : 200;
+                action.body = fault.body;
                 break;
         }
         --fault.count;
@@ -176,6 +193,10 @@ Json::Value FaultPlan::toJson() const {
                 break;
             case Kind::BadJson:
                 item["badJson"] = true;
+                break;
+            case Kind::Body:
+                item["body"] = fault.body;
+                item["status"] = fault.status != 0 ? fault.status : 200;
                 break;
         }
         list.append(item);

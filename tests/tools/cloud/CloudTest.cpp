@@ -195,9 +195,25 @@ TEST_F(CloudLogicTest, FaultsApplyToTheirPathForTheirCount) {
     EXPECT_EQ(422, requests[requests.size() - 2].status);
     EXPECT_EQ(token, requests[2].authorization);
 
+    // A body fault answers its text as it is, with the status given with it.
+    token = newToken();
+    ASSERT_TRUE(cloud_.addFault(
+        Parse(R"({"path": "da/state", "body": "[[", "status": 299, "count": 2})"), error));
+    ASSERT_TRUE(cloud_.addFault(Parse(R"({"path": "notification", "body": ""})"), error));
+    for (int i = 0; i < 2; ++i) {
+        Cloud::Answer answer = post("state", "{}", token);
+        EXPECT_EQ(299, answer.status);
+        EXPECT_EQ("[[", answer.body);
+    }
+    EXPECT_EQ(200, post("state", "{}", token).status);
+    Cloud::Answer empty = post("notification", "{}", token);
+    EXPECT_EQ(200, empty.status);
+    EXPECT_EQ("", empty.body);
+
     for (const char* fields :
          {R"({"status": 500})", R"({"path": "da/state"})", R"({"path": "x", "status": 42})",
-          R"({"path": "x", "drop": "yes"})"}) {
+          R"({"path": "x", "drop": "yes"})", R"({"path": "x", "body": 5})",
+          R"({"path": "x", "body": "", "status": 42})"}) {
         EXPECT_FALSE(cloud_.addFault(Parse(fields), error)) << fields;
     }
 }
