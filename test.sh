@@ -1,21 +1,26 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite three times:
 # plain, under AddressSanitizer+UndefinedBehaviorSanitizer, and under
-# ThreadSanitizer. Name configurations to run fewer: ./test.sh plain asan
+# ThreadSanitizer; then runs every fuzz target for ZEL_FUZZ_SECONDS (default 30)
+# each. Name configurations to run fewer: ./test.sh plain asan
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
 "$root/scripts/setup.sh"
 
 configs=("$@")
-[ ${#configs[@]} -gt 0 ] || configs=(plain asan tsan)
+[ ${#configs[@]} -gt 0 ] || configs=(plain asan tsan fuzz)
 jobs=$(nproc 2>/dev/null || echo 2)
 
 for config in "${configs[@]}"; do
   case "$config" in
+    fuzz)
+      "$root/scripts/fuzz.sh" "${ZEL_FUZZ_SECONDS:-30}"
+      continue
+      ;;
     plain) dir=build; opts=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
     asan) dir=build-asan; opts=(-DCMAKE_BUILD_TYPE=Debug -DZEL_SANITIZE=address -DZEL_BUILD_BENCH=OFF) ;;
     tsan) dir=build-tsan; opts=(-DCMAKE_BUILD_TYPE=Debug -DZEL_SANITIZE=thread -DZEL_BUILD_BENCH=OFF) ;;
-    *) echo "test.sh: unknown configuration '$config' (plain, asan, tsan)" >&2; exit 2 ;;
+    *) echo "test.sh: unknown configuration '$config' (plain, asan, tsan, fuzz)" >&2; exit 2 ;;
   esac
   echo "== $config: building in $dir"
   "$root/scripts/build.sh" "$root/$dir" "${opts[@]}"

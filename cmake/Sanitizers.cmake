@@ -9,3 +9,17 @@ if(_zel_san)
   add_compile_options(${_zel_san})
   add_link_options(${_zel_san})
 endif()
+
+# The fuzz build instruments every object for libFuzzer's coverage feedback;
+# only the fuzz targets themselves link libFuzzer's main.
+if(ZEL_BUILD_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "ZEL_BUILD_FUZZ needs clang: configure with CC=clang CXX=clang++")
+  endif()
+  if(_zel_san)
+    message(FATAL_ERROR "ZEL_BUILD_FUZZ brings its own sanitizers: leave ZEL_SANITIZE empty")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined
+    -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
