@@ -89,7 +89,6 @@ private:
     // StateControl
     static void* StateControl(void* self);
     void stateControl();
-    void schedule(const timespec& now);
     void readTimerFile();
     void writeTimerFile() const;
 

@@ -5,8 +5,10 @@
 #include "Core/Base/DaAnswer.h"
 #include "Core/Base/EventManager.h"
 #include "Core/Base/PersistentValues.h"
+#include "Core/Base/StateDecisions.h"
 #include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
+#include "Core/Platform/TimeManager.h"
 #include "Core/Project/DeviceValues.h"
 
 namespace Zel {
@@ -32,7 +34,7 @@ void CoreManager::setRequestUrl(Http::Request& request, const std::string& servi
 }
 
 void CoreManager::setRequestHeaderDate(Http::Request& request) {
-    time_t now = time(nullptr);
+    time_t now = TimeManager::Instance().now().tv_sec;
     tm utc{};
     gmtime_r(&now, &utc);
     char text[64];
@@ -104,34 +106,14 @@ void CoreManager::prepMicroService(MicroService service, Http::Request& request)
 
 void CoreManager::postMicroService(MicroService service, bool performed,
                                    const Http::Response& response) {
-    VolatileValues& values = *volatile_;
-    values.busy = false;
-    values.evaluate = true;
     long status = performed ? response.status : 0;
-    if (status > 0 && status < 300) {
-        getResponseHeaders(service, response);
-        // An answer we cannot read is treated like a failed exchange, so a
-        // confused server is not called again at once.
-        if (!getResponseBody(service, response)) {
-            values.retry = true;
-        }
-    } else {
-        values.retry = true;
-        if (status == 422) {
-            persistent_->setGidToken("");
-            persistent_->setOpidSeqNum(0);
-            persistent_->setGidSeqNum(0);
-            persistent_->setSynchronized(false);
-        } else if (status == 428) {
-            persistent_->setSynchronized(false);
-        }
-    }
-    // A setting changed while the call was in flight: that call carried the
-    // old values, so the cloud has yet to see the new ones.
-    if (values.pending) {
-        values.pending = false;
-        persistent_->setSynchronized(false);
-    }
+    StateDecisions::ApplyExchange(
+        status,
+        [&] {
+            getResponseHeaders(service, response);
+            return getResponseBody(service, response);
+        },
+        *volatile_, *persistent_);
     evaluateStateChanges();
     ZEL_LOG(ServiceCore, CategoryWebservice, SeverityInfo, "%s processed (%u)",
             MicroServiceToString(service), static_cast<unsigned>(status));

@@ -5,6 +5,7 @@
 #include "Core/Base/DaTimer.h"
 #include "Core/Base/PersistentValues.h"
 #include "Core/Base/ServiceManager.h"
+#include "Core/Base/StateDecisions.h"
 #include "Core/Platform/FileUtil.h"
 #include "Core/Platform/JsonUtil.h"
 #include "Core/Platform/Logger.h"
@@ -16,10 +17,9 @@ namespace Core {
 namespace {
 constexpr const char* kLogSource = "Base/CoreManager";
 
-timespec wallClock() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now;
+// Time is read through TimeManager only, so a test clock reaches every schedule.
+timespec now() {
+    return TimeManager::Instance().now();
 }
 
 bool later(const timespec& a, const timespec& b) {
@@ -45,40 +45,21 @@ void CoreManager::evaluateStateChanges() {
     bool recompute = false;
 
     if (state_ == Initialized && !values.busy) {
-        MicroService previous = values.nextDws;
-        if (persistent.getSynchronized() &&
-            persistent.getDaConsentState() != ConsentStateCompleted) {
-            values.nextDws = CheckForNotification;
-            values.badSynchs = 0;
-        } else {
-            values.nextDws = SynchronizeCoreState;
-            if (persistent.getGidToken().empty()) {
-                if (persistent.getBackupToken().empty()) {
-                    values.nextDws = GetDeviceIdentity;
-                    values.badSynchs = 0;
-                } else {
-                    ZEL_LOG(ServiceCore, CategoryState, SeverityError, "Token Recovery Activated");
-                    persistent.setGidToken(persistent.getBackupToken());
-                }
-            }
-            if (values.nextDws == SynchronizeCoreState && values.badSynchs >= 3) {
-                ZEL_LOG(ServiceCore, CategoryState, SeverityInfo,
-                        "Too many SynchronizeCoreState calls in a row, delaying");
-                values.badSynchs = 0;
-                values.retry = true;
-            }
-        }
+        bool changed = StateDecisions::ChooseNextCall(values, persistent);
         if (values.evaluate) {
             values.evaluate = false;
             recompute = true;
-        } else if (values.nextDws != previous) {
+        } else if (changed) {
             ZEL_LOG(ServiceCore, CategoryState, SeverityDebug, "StateControl delay being reset");
             stateSem_->reset();
             recompute = true;
         }
     }
     if (recompute) {
-        schedule(wallClock());
+        if (state_ != FactoryResetting) {
+            writeTimerFile();
+        }
+        StateDecisions::Schedule(values, persistent, now(), StateDecisions::StandardDelay());
     }
 
     bool consentUrlChanged = persistent.testDaConsentUrl();
@@ -95,39 +76,6 @@ void CoreManager::evaluateStateChanges() {
         persistent.store();
     }
     logStateDebug();
-}
-
-void CoreManager::schedule(const timespec& now) {
-    VolatileValues& values = *volatile_;
-    PersistentValues& persistent = *persistent_;
-    TimeManager& time = TimeManager::Instance();
-    if (state_ != FactoryResetting) {
-        writeTimerFile();
-    }
-    if (values.retry) {
-        values.retry = false;
-        time.updateTimestamp(values.lastCall, values.nextCall, persistent.getDaRetryDelayFixedMs(),
-                             persistent.getDaRetryDelayVariedMs());
-    } else if (values.nextDws != CheckForNotification) {
-        values.nextCall = now;
-    } else if (values.startupDelay) {
-        values.startupDelay = false;
-        time.updateTimestamp(values.lastCall, values.nextCall, persistent.getDaPollDelayFixedMs(),
-                             persistent.getDaPollDelayVariedMs());
-        if (now.tv_sec <= values.nextCall.tv_sec) {
-            ZEL_LOG(ServiceCore, CategoryState, SeverityDebug,
-                    "Using standard delay on core startup");
-        } else {
-            ZEL_LOG(ServiceCore, CategoryState, SeverityDebug,
-                    "Using startup delay on core startup");
-            values.lastCall = now;
-            time.updateTimestamp(now, values.nextCall, persistent.getDaStartupDelayFixedMs(),
-                                 persistent.getDaStartupDelayVariedMs());
-        }
-    } else {
-        time.updateTimestamp(values.lastCall, values.nextCall, persistent.getDaPollDelayFixedMs(),
-                             persistent.getDaPollDelayVariedMs());
-    }
 }
 
 void CoreManager::writeTimerFile() const {
@@ -151,7 +99,7 @@ void CoreManager::readTimerFile() {
     if (!FileUtil::Load(config_->getPersistentPath(), DaTimer::kBaseName, content, usable)) {
         return;
     }
-    if (later(stored, wallClock())) {
+    if (later(stored, now())) {
         ZEL_LOG(ServiceCore, CategoryState, SeverityError,
                 "Problem reading %s, lastCall is in the future. Defaulting to clock start as "
                 "reference.",
@@ -176,12 +124,12 @@ void CoreManager::stateControl() {
     for (;;) {
         bool due = false;
         while (!terminatingOrResetting() && !due) {
-            timespec now = wallClock();
-            if (!later(volatile_->nextCall, now)) {
+            timespec current = now();
+            if (!later(volatile_->nextCall, current)) {
                 due = true;
                 break;
             }
-            long long wait = millisUntil(now, volatile_->nextCall);
+            long long wait = millisUntil(current, volatile_->nextCall);
             ZEL_LOG(ServiceCore, CategoryState, SeverityInfo,
                     "StateControl delaying %i.%03i seconds before running %s",
                     static_cast<int>(wait / 1000), static_cast<int>(wait % 1000),
@@ -203,7 +151,7 @@ void CoreManager::stateControl() {
         ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "StateControl calling %s",
                 MicroServiceToString(service));
         volatile_->busy = true;
-        volatile_->lastCall = wallClock();
+        volatile_->lastCall = now();
         prepMicroService(service, request);
         Http::Response response;
         bool performed;

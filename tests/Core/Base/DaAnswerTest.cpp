@@ -129,3 +129,35 @@ TEST(DaTimerTest, OnlyATimeThatMakesAValidDeadlineIsRead) {
     EXPECT_EQ(1700000000, read.tv_sec);
     EXPECT_EQ(123, read.tv_nsec);
 }
+
+TEST(DaAnswerTest, KeysSpelledUnlikeTheirFieldsAndTheConsentMapping) {
+    const struct {
+        const char* name;
+        std::string body;
+        const char* downloadUrl;
+        const char* uploadUrl;
+        ConsentState consent;
+    } rows[] = {
+        {"the cloud spells them URL",
+         R"({"svSpeedTestDownloadURL": "d", "svSpeedTestUploadURL": "u"})", "d", "u",
+         ConsentStateNotAvailable},
+        {"the file's spelling is not the cloud's",
+         R"({"svSpeedTestDownloadUrl": "d", "svSpeedTestUploadUrl": "u"})", "", "",
+         ConsentStateNotAvailable},
+        {"consent required", R"({"daConsentState": "ConsentRequired"})", "", "",
+         ConsentStateRequired},
+        {"any other consent text", R"({"daConsentState": "ConsentStarted"})", "", "",
+         ConsentStateNotRequired},
+        {"consent that is no text", R"({"daConsentState": 2})", "", "", ConsentStateNotAvailable},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        PersistentValues persistent(nullptr, nullptr, nullptr);
+        unsigned badSynchs = 0;
+        std::vector<Event> events;
+        ASSERT_TRUE(DaAnswer::Apply(SynchronizeCoreState, row.body, persistent, badSynchs, events));
+        EXPECT_EQ(row.downloadUrl, persistent.getSvSpeedTestDownloadUrl());
+        EXPECT_EQ(row.uploadUrl, persistent.getSvSpeedTestUploadUrl());
+        EXPECT_EQ(row.consent, persistent.getDaConsentState());
+    }
+}
