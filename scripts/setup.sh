@@ -6,7 +6,7 @@ packages=(
   g++ make cmake pkg-config openssl
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev libcpp-httplib-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev llvm-14
+  clang clang-format libclang-rt-14-dev llvm-14
 )
 
 missing=()
