@@ -37,13 +37,6 @@ static char* readFile(const char* path) {
     return text;
 }
 
-static int contains(const char* path, const char* needle) {
-    char* text = readFile(path);
-    int found = text != NULL && strstr(text, needle) != NULL;
-    free(text);
-    return found;
-}
-
 static uint32_t currentState(void) {
     ZelStatus status;
     uint32_t state;
@@ -98,46 +91,12 @@ static void checkBadArguments(void) {
     CHECK(ZelSetOemMsg("hello") == ZelResultNotInitialized);
 }
 
-static char* makeConfig(const char* dir, const char* logPath) {
-    static const char* const services[] = {"core", "ds", "sv", "su", "drmp", "gnsdk"};
-    static const char* const categories[] = {"state",      "flow", "clibapi",
-                                             "webservice", "test", "supervisor"};
-    size_t size = 16384;
-    char* config = malloc(size);
-    size_t used;
-    int s, c;
-    used = (size_t)snprintf(
-        config, size,
-        "{\"core\": {\"persistentPath\": \"%s\"},"
-        " \"injectors\": ["
-        "  {\"suffix\": \"da/gidtoken\", \"responses\": [{\"statusCode\": 200, \"body\": "
-        "\"{\\\"daGidToken\\\": \\\"c-token\\\"}\"}]},"
-        "  {\"suffix\": \"da/state\", \"responses\": [{\"statusCode\": 200, \"body\": "
-        "\"{\\\"daSynchronized\\\": true, \\\"daPollDelayFixedMs\\\": 60000}\"}]},"
-        "  {\"suffix\": \"da/notification\", \"responses\": [{\"statusCode\": 200, \"body\": "
-        "\"{\\\"daStateSynchronized\\\": true}\"}]}],"
-        " \"loggers\": [{\"type\": \"file\", \"argument\": \"%s\", \"append\": true,"
-        " \"format\": \"terse\", \"filters\": [",
-        dir, logPath);
-    for (s = 0; s < 6; ++s) {
-        for (c = 0; c < 6; ++c) {
-            used += (size_t)snprintf(config + used, size - used,
-                                     "%s{\"service\": \"%s\", \"category\": \"%s\", "
-                                     "\"severity\": \"trace\"}",
-                                     (s == 0 && c == 0) ? "" : ",", services[s], categories[c]);
-        }
-    }
-    snprintf(config + used, size - used, "]}]}");
-    return config;
-}
-
 int main(int argc, char** argv) {
     char dir[] = "/tmp/zelc.XXXXXX";
-    char logPath[256];
     char path[512];
+    char config[1024];
     char* identity;
     char* device;
-    char* config;
     ZelStatus status;
     ZelResult second;
 
@@ -149,23 +108,31 @@ int main(int argc, char** argv) {
     identity = readFile(path);
     snprintf(path, sizeof path, "%s/samples/device.json", argv[1]);
     device = readFile(path);
-    snprintf(logPath, sizeof logPath, "%s/agent.log", dir);
-    config = makeConfig(dir, logPath);
     if (identity == NULL || device == NULL) {
         fprintf(stderr, "cannot read the sample documents under %s\n", argv[1]);
         return 2;
     }
+    /* Every "da" call is answered by an injector: no network needed. */
+    snprintf(config, sizeof config,
+             "{\"core\": {\"persistentPath\": \"%s\"}, \"injectors\": ["
+             "{\"suffix\": \"da/gidtoken\", \"responses\": [{\"body\": {\"daGidToken\": \"c\"}}]},"
+             "{\"suffix\": \"da/state\", \"responses\": [{\"body\": {\"daSynchronized\": true}}]},"
+             "{\"suffix\": \"da/notification\", \"responses\": [{}]}]}",
+             dir);
 
     checkUninitializedStatus();
     checkBadArguments();
 
-    /* First life. */
     CHECK(ZelInit(identity, config, device) == ZelResultSuccess);
     CHECK(ZelInit(identity, config, device) == ZelResultAlreadyInitialized);
     CHECK(ZelFactoryResetOffline(config) == ZelResultAlreadyInitialized);
+    CHECK(ZelLogMessage(2, "host says %s %d", "hello", 42) == ZelResultSuccess);
+    CHECK(ZelEnableTestMode() == ZelResultSuccess);
+    CHECK(ZelSetOemMsg("from C") == ZelResultSuccess);
     memset(&status, 0, sizeof status);
     CHECK(ZelGetStatus(ZelStatusMethodNow, &status) == ZelResultSuccess);
     CHECK(status.state == DeviceAgentStateInitialized);
+    CHECK(status.testMode == 1);
     CHECK(status.sdkVersion != NULL && strcmp(status.sdkVersion, "4.8.0-255-g4399f3ce") == 0);
     CHECK(status.opid != NULL && strcmp(status.opid, "FFFFFF0ACC") == 0);
     CHECK(status.cloud != NULL && strcmp(status.cloud, "zel.localhost") == 0);
@@ -175,43 +142,12 @@ int main(int argc, char** argv) {
     CHECK(status.sdkVersion == NULL && status.opid == NULL);
     CHECK(ZelFreeStatus(&status) == ZelResultSuccess);
 
-    CHECK(ZelLogMessage(2, "host says %s %d", "hello", 42) == ZelResultSuccess);
-    CHECK(contains(logPath, "host says hello 42"));
-
-    CHECK(ZelEnableTestMode() == ZelResultSuccess);
-    CHECK(ZelSetOemMsg("from C") == ZelResultSuccess);
-    memset(&status, 0, sizeof status);
-    ZelGetStatus(ZelStatusMethodNow, &status);
-    CHECK(status.testMode == 1);
-    ZelFreeStatus(&status);
-
     CHECK(ZelTerm() == ZelResultSuccess);
     /* Either still stopping, or already stopped. */
     second = ZelTerm();
     CHECK(second == ZelResultBusy || second == ZelResultNotInitialized);
     waitForState(DeviceAgentStateUninitialized);
     checkUninitializedStatus();
-    CHECK(contains(logPath, "ZelTerm() called"));
-    CHECK(contains(logPath, "Performing Core cleanup"));
-
-    /* Second life: the persisted test mode survived the restart. */
-    CHECK(ZelInit(identity, config, device) == ZelResultSuccess);
-    memset(&status, 0, sizeof status);
-    ZelGetStatus(ZelStatusMethodNow, &status);
-    CHECK(status.state == DeviceAgentStateInitialized);
-    CHECK(status.testMode == 1);
-    ZelFreeStatus(&status);
-    CHECK(ZelFactoryReset() == ZelResultSuccess);
-    waitForState(DeviceAgentStateUninitialized);
-
-    /* Third life: the factory reset forgot the test mode. */
-    CHECK(ZelInit(identity, config, device) == ZelResultSuccess);
-    memset(&status, 0, sizeof status);
-    ZelGetStatus(ZelStatusMethodNow, &status);
-    CHECK(status.testMode == 0);
-    ZelFreeStatus(&status);
-    CHECK(ZelTerm() == ZelResultSuccess);
-    waitForState(DeviceAgentStateUninitialized);
     CHECK(ZelFactoryResetOffline(config) == ZelResultSuccess);
 
     snprintf(path, sizeof path, "rm -rf '%s'", dir);
@@ -220,7 +156,6 @@ int main(int argc, char** argv) {
     }
     free(identity);
     free(device);
-    free(config);
     if (failures == 0) {
         printf("lifecycle: all checks passed\n");
     }

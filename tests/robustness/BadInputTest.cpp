@@ -16,7 +16,6 @@
 #include <sstream>
 
 #include "Core/Platform/FileUtil.h"
-#include "Core/Platform/JsonUtil.h"
 #include "support/AgentLab.h"
 #include "support/ChildProcess.h"
 
@@ -159,7 +158,7 @@ void RunOnce(AgentLab& lab) {
 }
 
 void HoldPolls(AgentLab& lab) {
-    lab.cloud().addFault({"da/notification", FaultPlan::Kind::Delay, 0, 600000, "", 1});
+    lab.cloud().addFault(ZelTest::Fault("da/notification", FaultPlan::Kind::Delay, 0, 600000));
 }
 
 // Once the state call is answered, the only call in flight is the held poll.
@@ -209,7 +208,7 @@ TEST(BadInput, CloudAnswers) {
                                 "svActiveTimeoutMs", "suMaxRetryCount"}) {
             keys[key] = 0;
         }
-        return Rewrite(Zel::Core::JsonUtil::Compact(keys), [&](auto&) { return number; });
+        return Rewrite(keys.toStyledString(), [&](auto&) { return number; });
     };
     const std::string events = R"({"daEvents": [-1, 1e30, "e", null, [], {"event": 5, "id": 1},
         {"event": "a", "id": -1}, {"event": "b", "id": 1e30}, {"event": "c", "id": 4294967296},
@@ -326,7 +325,7 @@ TEST(BadInput, NulInThePersistentPath) {
     ZelTest::WriteFile(victim, precious);
     RunCase("persistent path cut short by a NUL", [&] {
         Probe probe(lab);
-        std::string config = R"({"core": {"persistentPath": ")" + victim + R"(\u0000"}})";
+        std::string config = ZelTest::ConfigDoc().core("persistentPath", victim + '\0').text();
         long result = probe.init(lab.identity(), config, lab.device());
         ASSERT_TRUE(result == 0 || result == 5) << "ZelInit gave " << result;
         if (result == 0) {
@@ -345,15 +344,14 @@ TEST(BadInput, TermDuringASlowAnswer) {
         RunCase(injected ? "slow injected answer" : "slow cloud answer", [&] {
             AgentLab lab;
             Probe probe(lab);
-            Json::Value config = AgentLab::Parse(lab.config());
-            config["injectors"] = AgentLab::Parse(R"([{"suffix": "da/notification",
-                "responses": [{"statusCode": 200, "body": "{}", "duration": 600}]}])");
-            if (!injected) {
-                config.removeMember("injectors");
+            ZelTest::ConfigDoc config = lab.configDoc();
+            if (injected) {
+                config.inject("da/notification", AgentLab::Parse(R"([{"statusCode": 200,
+                    "body": "{}", "duration": 600}])"));
+            } else {
                 HoldPolls(lab);
             }
-            ASSERT_EQ(
-                0, probe.init(lab.identity(), Zel::Core::JsonUtil::Compact(config), lab.device()));
+            ASSERT_EQ(0, probe.init(lab.identity(), config.text(), lab.device()));
             ASSERT_TRUE(injected ? lab.waitForLog("StateControl calling CheckForNotification")
                                  : WaitForHeldPoll(lab))
                 << "no slow answer under way";

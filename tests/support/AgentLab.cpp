@@ -5,58 +5,50 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 
-#include "Core/Platform/JsonUtil.h"
-#include "support/LogCapture.h"
+#include "Core/Platform/Thread.h"
+#include "support/Pki.h"
 
 namespace ZelTest {
 
 namespace {
 
-struct LabPki {
-    int port = 0;
-    TempDir dir;
-    std::string identity;
-    std::string device;
-};
+constexpr const char* kApi = "/api/v1/";
 
-int freeLoopbackPort() {
+// The port goes into the device certificate, so it is chosen once.
+int labPort() {
+    static const int port = FreeLoopbackPort();
+    return port;
+}
+
+const Pki& labPki() {
+    const Pki& pki = Pki::Get("zel.localhost:" + std::to_string(labPort()));
+    if (!pki.ok()) {
+        throw std::runtime_error(pki.error());
+    }
+    return pki;
+}
+
+}  // namespace
+
+int FreeLoopbackPort() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                 getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    close(fd);
+    if (!bound) {
         throw std::runtime_error("no free loopback port");
     }
-    close(fd);
     return ntohs(address.sin_port);
 }
-
-// Made on first use and kept for the life of the test binary.
-const LabPki& labPki() {
-    static LabPki* pki = [] {
-        auto* made = new LabPki;
-        made->port = freeLoopbackPort();
-        std::string command = std::string(ZEL_SOURCE_DIR) + "/tools/pki/make-pki.sh '" +
-                              made->dir.path() + "' zel.localhost:" + std::to_string(made->port);
-        if (std::system(command.c_str()) != 0) {
-            throw std::runtime_error("make-pki.sh failed");
-        }
-        made->identity = ReadFile(made->dir.file("identity.json"));
-        made->device = ReadFile(made->dir.file("device.json"));
-        return made;
-    }();
-    return *pki;
-}
-
-}  // namespace
 
 constexpr std::chrono::milliseconds AgentLab::kPatience;
 
@@ -73,11 +65,10 @@ Json::Value AgentLab::FastSettings() {
     return settings;
 }
 
-AgentLab::AgentLab(const Json::Value& settings) : logPath_(dir_.file("agent.log")) {
-    const LabPki& pki = labPki();
+AgentLab::AgentLab(const Json::Value& settings) : log_(dir_.file("agent.log")) {
     ZelCloud::CloudOptions options;
-    options.pkiDir = pki.dir.path();
-    options.port = pki.port;
+    options.pkiDir = labPki().dir();
+    options.port = labPort();
     options.quiet = true;
     options.settings = settings;
     cloud_ = std::make_unique<ZelCloud::Cloud>(options);
@@ -94,22 +85,21 @@ AgentLab::~AgentLab() {
 }
 
 std::string AgentLab::DeviceCn() {
-    return "FFFFFF0ACC.zel.localhost:" + std::to_string(labPki().port);
+    return labPki().deviceCommonName();
 }
 
-std::string AgentLab::config() const {
-    Json::Value document;
-    document["core"]["persistentPath"] = dir_.path();
-    document["core"]["temporaryPath"] = dir_.path();
-    document["loggers"] = LogCapture::LoggersConfig(logPath_, "debug");
-    return Zel::Core::JsonUtil::Compact(document);
+ConfigDoc AgentLab::configDoc() const {
+    return ConfigDoc().dirs(dir_.path()).logTo(log_.path());
 }
 
 const std::string& AgentLab::identity() const {
-    return labPki().identity;
+    static const std::string text = labPki().identityJson();
+    return text;
 }
+
 const std::string& AgentLab::device() const {
-    return labPki().device;
+    static const std::string text = labPki().deviceJson();
+    return text;
 }
 
 ZelResult AgentLab::init() {
@@ -138,6 +128,7 @@ bool AgentLab::waitForState(uint32_t wanted, std::chrono::milliseconds timeout) 
     }
     // The waiter can never be joined now; a hung agent is fatal for the binary.
     std::fprintf(stderr, "agent never reached state %u\n", wanted);
+    Pki::RemoveAll();
     std::_Exit(3);
 }
 
@@ -149,21 +140,18 @@ bool AgentLab::term() {
     return waitForState(DeviceAgentStateUninitialized);
 }
 
-bool AgentLab::waitFor(
-    const std::function<bool(const std::vector<ZelCloud::RecordedRequest>&)>& predicate,
-    std::chrono::milliseconds timeout) {
+bool AgentLab::waitFor(const ZelCloud::RequestLog::Predicate& predicate,
+                       std::chrono::milliseconds timeout) {
     return cloud_->waitFor(predicate, timeout);
 }
 
 bool AgentLab::waitForCalls(const std::string& path, size_t count,
                             std::chrono::milliseconds timeout) {
-    std::string suffix = "/api/v1/" + path;
     return cloud_->waitFor(
         [&](const std::vector<ZelCloud::RecordedRequest>& requests) {
-            return static_cast<size_t>(std::count_if(requests.begin(), requests.end(),
-                                                     [&](const ZelCloud::RecordedRequest& r) {
-                                                         return r.path == suffix;
-                                                     })) >= count;
+            return static_cast<size_t>(
+                       std::count_if(requests.begin(), requests.end(),
+                                     [&](auto& r) { return r.path == kApi + path; })) >= count;
         },
         timeout);
 }
@@ -171,12 +159,8 @@ bool AgentLab::waitForCalls(const std::string& path, size_t count,
 std::vector<std::string> AgentLab::paths() const {
     std::vector<std::string> result;
     for (const auto& request : cloud_->requests()) {
-        std::string path = request.path;
-        const std::string prefix = "/api/v1/";
-        if (path.compare(0, prefix.size(), prefix) == 0) {
-            path = path.substr(prefix.size());
-        }
-        result.push_back(path);
+        bool api = request.path.rfind(kApi, 0) == 0;
+        result.push_back(api ? request.path.substr(std::string(kApi).size()) : request.path);
     }
     return result;
 }
@@ -184,45 +168,33 @@ std::vector<std::string> AgentLab::paths() const {
 std::vector<ZelCloud::RecordedRequest> AgentLab::calls(const std::string& path) const {
     std::vector<ZelCloud::RecordedRequest> result;
     for (const auto& request : cloud_->requests()) {
-        if (request.path == "/api/v1/" + path) {
+        if (request.path == kApi + path) {
             result.push_back(request);
         }
     }
     return result;
 }
 
-std::vector<std::string> AgentLab::log() const {
-    std::vector<std::string> lines;
-    std::istringstream in(ReadFile(logPath_));
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
+AgentLab& LabTest::lab(const Json::Value& settings) {
+    lab_.reset();
+    lab_ = std::make_unique<AgentLab>(settings);
+    return *lab_;
+}
+
+AgentLab& LabTest::started(const Json::Value& settings) {
+    AgentLab& made = lab(settings);
+    EXPECT_EQ(ZelResultSuccess, made.init());
+    EXPECT_TRUE(made.waitForCalls("da/notification", 1)) << "the agent never polled";
+    return made;
+}
+
+void LabTest::TearDown() {
+    if (lab_) {
+        EXPECT_TRUE(lab_->term());
+        lab_.reset();
     }
-    return lines;
-}
-
-size_t AgentLab::logCount(const std::string& message) const {
-    std::vector<std::string> lines = log();
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), message));
-}
-
-bool AgentLab::waitForLog(const std::string& message, size_t count,
-                          std::chrono::milliseconds timeout) const {
-    // The log is a file the agent appends to; the cloud's request log is what
-    // we can wait on, so re-read the file each time the cloud sees a request.
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (logCount(message) < count) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        size_t seen = cloud_->requests().size();
-        cloud_->waitForRequests(seen + 1, std::chrono::milliseconds(200));
-    }
-    return true;
-}
-
-Json::Value AgentLab::Parse(const std::string& text) {
-    return ParseJson(text);
+    EXPECT_TRUE(Zel::Core::ThreadUtil::WaitForNoLiveThreads(AgentLab::kPatience.count()));
+    EXPECT_EQ(0u, Zel::Core::ThreadUtil::LiveThreads()) << "an agent thread was left behind";
 }
 
 }  // namespace ZelTest

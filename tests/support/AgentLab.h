@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <json/value.h>
 
 #include <chrono>
@@ -8,20 +9,33 @@
 #include <string>
 #include <vector>
 
+#include "support/Config.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "tools/cloud/Cloud.h"
 #include "zel.h"
 
 namespace ZelTest {
 
-// One agent and one local cloud on loopback, over real TLS, for end-to-end
-// tests through the C interface. The PKI is made once per test binary for a
-// port chosen then; every lab reuses port and PKI with a fresh cloud and a
-// fresh persistent directory.
+// A free TCP port on 127.0.0.1 (free when asked, that is).
+int FreeLoopbackPort();
+
+// A fault for the next `count` calls whose path ends with `path`.
+inline ZelCloud::FaultPlan::Fault Fault(const std::string& path, ZelCloud::FaultPlan::Kind kind,
+                                        int status = 0, long delayMs = 0, unsigned count = 1) {
+    return {path, kind, status, delayMs, "", count};
+}
+
+// One agent and one local cloud on loopback, over real TLS, for tests through
+// the C interface. The PKI is made once per test binary for a port chosen
+// then; every lab reuses port and PKI with a fresh cloud, persistent
+// directory and log.
 class AgentLab {
 public:
     // Short delays for fast tests; a test merges its own on top.
     static Json::Value FastSettings();
+    // Generous upper bound for things that normally take milliseconds.
+    static constexpr std::chrono::milliseconds kPatience{20000};
 
     explicit AgentLab(const Json::Value& settings = FastSettings());
     ~AgentLab();
@@ -30,22 +44,22 @@ public:
 
     ZelCloud::Cloud& cloud() { return *cloud_; }
     const std::string& persistentDir() const { return dir_.path(); }
-    std::string config() const;
+    // The lab's configuration: its directory and its log at debug severity.
+    ConfigDoc configDoc() const;
+    std::string config() const { return configDoc().text(); }
     const std::string& identity() const;
     const std::string& device() const;
     // Common name of the device certificate: how the cloud knows the device.
     static std::string DeviceCn();
 
     ZelResult init();
-    // ZelTerm, then waits for Uninitialized; false when that does not come.
+    // ZelTerm, then waits for Uninitialized.
     bool term();
     bool waitForState(uint32_t state, std::chrono::milliseconds timeout = kPatience);
     uint32_t state() const;
 
-    // Waits until the cloud has served requests satisfying `predicate`.
-    bool waitFor(
-        const std::function<bool(const std::vector<ZelCloud::RecordedRequest>&)>& predicate,
-        std::chrono::milliseconds timeout = kPatience);
+    bool waitFor(const ZelCloud::RequestLog::Predicate& predicate,
+                 std::chrono::milliseconds timeout = kPatience);
     // Waits until the cloud has seen `count` calls of `path` ("da/state") in all.
     bool waitForCalls(const std::string& path, size_t count,
                       std::chrono::milliseconds timeout = kPatience);
@@ -53,21 +67,34 @@ public:
     std::vector<std::string> paths() const;
     std::vector<ZelCloud::RecordedRequest> calls(const std::string& path) const;
 
-    // The agent's log, one message a line.
-    std::vector<std::string> log() const;
-    size_t logCount(const std::string& message) const;
+    const LogFile& log() const { return log_; }
+    size_t logCount(const std::string& message) const { return log_.count(message); }
     bool waitForLog(const std::string& message, size_t count = 1,
-                    std::chrono::milliseconds timeout = kPatience) const;
+                    std::chrono::milliseconds timeout = kPatience) const {
+        return log_.waitFor(message, count, timeout);
+    }
 
-    static Json::Value Parse(const std::string& text);
-
-    // Generous upper bound for things that normally take milliseconds.
-    static constexpr std::chrono::milliseconds kPatience{20000};
+    static Json::Value Parse(const std::string& text) { return ParseJson(text); }
 
 private:
     TempDir dir_;
-    std::string logPath_;
+    LogFile log_;
     std::unique_ptr<ZelCloud::Cloud> cloud_;
+};
+
+// End-to-end tests: each has a lab of its own, stopped at the end, after
+// which no agent thread may be left.
+class LabTest : public testing::Test {
+protected:
+    // A fresh lab whose agent has not been started.
+    AgentLab& lab(const Json::Value& settings = AgentLab::FastSettings());
+    // A fresh lab whose agent has synchronised and polled once, so that the
+    // cloud's short delays apply.
+    AgentLab& started(const Json::Value& settings = AgentLab::FastSettings());
+    void TearDown() override;
+
+private:
+    std::unique_ptr<AgentLab> lab_;
 };
 
 }  // namespace ZelTest

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <json/value.h>
-
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,27 +9,45 @@
 
 namespace ZelTest {
 
-// Routes every log record of every service and category, at the given
-// severity and below, into a file in the "terse" format (the bare message),
-// and reads the messages back.
-// The logger is terminated again at the end of the scope.
-class LogCapture {
+// One record of a log written in the "long" format.
+struct LogRecord {
+    int64_t micros = 0;  // wall-clock time since the epoch; 0 when none was written
+    std::string thread;
+    std::string service;
+    std::string category;
+    std::string severity;
+    std::string location;  // "Base/CoreManager:412-{init}"
+    std::string message;   // continuation lines included
+};
+
+// A log file in the long format that someone appends to.
+class LogFile {
+public:
+    explicit LogFile(std::string path) : path_(std::move(path)) {}
+
+    const std::string& path() const { return path_; }
+    std::vector<LogRecord> records() const;
+    std::vector<std::string> messages() const;
+    size_t count(const std::string& message) const;
+    bool contains(const std::string& message) const { return count(message) > 0; }
+    // The first message that starts with `prefix`, or "".
+    std::string find(const std::string& prefix) const;
+    // Waits until `message` has been logged `times` times, woken by every write.
+    bool waitFor(const std::string& message, size_t times = 1,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+
+    static LogRecord Parse(const std::string& line);
+
+private:
+    std::string path_;
+};
+
+// Routes every record up to `severity` into a file of its own for the scope.
+class LogCapture : private TempDir, public LogFile {
 public:
     explicit LogCapture(const std::string& severity = "trace");
     ~LogCapture();
-
-    // The "loggers" array this capture installs; useful inside a whole
-    // configuration document handed to ZelInit.
-    static Json::Value LoggersConfig(const std::string& path, const std::string& severity);
-
-    std::vector<std::string> messages() const;
-    bool contains(const std::string& message) const;
-    size_t count(const std::string& message) const;
-    const std::string& path() const { return path_; }
-
-private:
-    TempDir dir_;
-    std::string path_;
+    using LogFile::path;
 };
 
 }  // namespace ZelTest

@@ -15,13 +15,20 @@ namespace {
 std::string ShellQuote(const std::string& text) {
     std::string quoted = "'";
     for (char c : text) {
-        if (c == '\'') {
-            quoted += "'\\''";
-        } else {
-            quoted += c;
-        }
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
     }
     return quoted + "'";
+}
+
+// Destroyed at exit, which removes the directories.
+struct Registry {
+    std::mutex mutex;
+    std::map<std::pair<std::string, std::string>, std::unique_ptr<Pki>> made;
+};
+
+Registry& registry() {
+    static Registry instance;
+    return instance;
 }
 
 }  // namespace
@@ -49,14 +56,17 @@ Pki::Pki(const std::string& instance, const std::string& opid) : instance_(insta
 }
 
 const Pki& Pki::Get(const std::string& instance, const std::string& opid) {
-    static std::mutex mutex;
-    static std::map<std::pair<std::string, std::string>, std::unique_ptr<Pki>> made;
-    std::lock_guard<std::mutex> lock(mutex);
-    std::unique_ptr<Pki>& pki = made[{instance, opid}];
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    std::unique_ptr<Pki>& pki = registry().made[{instance, opid}];
     if (!pki) {
         pki = std::make_unique<Pki>(instance, opid);
     }
     return *pki;
+}
+
+void Pki::RemoveAll() {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().made.clear();
 }
 
 ZelCloud::TlsServer::Config Pki::serverConfig(const std::string& name,

@@ -7,8 +7,8 @@
 
 namespace ZelTest {
 
-// A throw-away PKI made by tools/pki/make-pki.sh: made once per instance
-// (and operator id) in a test process, removed when the process ends.
+// A throw-away PKI made by tools/pki/make-pki.sh, once per instance and
+// operator id in a test process, and removed when the process ends.
 class Pki {
 public:
     static constexpr const char* kDefaultOpid = "FFFFFF0ACC";
@@ -16,6 +16,8 @@ public:
     // `instance` goes into the device certificate's CN as it is, port included.
     static const Pki& Get(const std::string& instance = "zel.localhost",
                           const std::string& opid = kDefaultOpid);
+    // Removes every PKI made so far; for a process about to end without exit().
+    static void RemoveAll();
 
     // False when the script failed; error() says why.
     bool ok() const { return ok_; }
@@ -23,21 +25,14 @@ public:
 
     const std::string& dir() const { return dir_.path(); }
     std::string file(const std::string& name) const { return dir_.file(name); }
-    const std::string& instance() const { return instance_; }
     const std::string& opid() const { return opid_; }
-
     // "<opid>.<instance>", the subject CN of device.crt.
     std::string deviceCommonName() const { return opid_ + "." + instance_; }
-    // "https://<opid>-<service>.<instance>", the base of a service's URLs.
-    std::string serviceUrl(const std::string& service) const {
-        return "https://" + opid_ + "-" + service + "." + instance_;
-    }
     std::string identityJson() const { return ReadFile(file("identity.json")); }
     std::string deviceJson() const { return ReadFile(file("device.json")); }
 
     // A server set-up from this PKI: `name` is "server", "other-server" or
     // "wrong-host"; `ocsp` the DER response file to staple ("" for none).
-    // Client certificates must come from this PKI's CA.
     ZelCloud::TlsServer::Config serverConfig(const std::string& name = "server",
                                              const std::string& ocsp = "server.ocsp.der") const;
 

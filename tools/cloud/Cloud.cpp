@@ -68,8 +68,9 @@ bool Cloud::start() {
     httplib::Server& http = server_->http();
     auto handler = [this](const httplib::Request& req, httplib::Response& res) {
         std::string host = req.get_header_value("Host");
-        Answer answer = serve(req.method, req.path, host, TlsServer::ClientCommonName(req),
-                              req.get_header_value("Authorization"), req.body);
+        Answer answer =
+            serve(req.method, req.path, host, TlsServer::ClientCommonName(req),
+                  req.get_header_value("Authorization"), req.body, TlsServer::WireHeaders(req));
         if (answer.drop) {
             // No answer at all: the client sees the connection end.
             if (req.ssl != nullptr) {
@@ -80,6 +81,9 @@ bool Cloud::start() {
         res.status = answer.status;
         res.set_content(answer.body, "application/json");
     };
+    // A device keeps its connection for as long as it likes, so a test knows
+    // which connection a call goes over.
+    http.set_keep_alive_max_count(1000000);
     http.Post(".*", handler);
     http.Get(".*", handler);
     http.Put(".*", handler);
@@ -131,7 +135,8 @@ bool Cloud::pause(long delayMs) {
 
 Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
                            const std::string& host, const std::string& cn,
-                           const std::string& authorization, const std::string& body) {
+                           const std::string& authorization, const std::string& body,
+                           const std::vector<std::string>& headers) {
     RecordedRequest record;
     record.time = std::chrono::system_clock::now();
     record.method = method;
@@ -140,6 +145,7 @@ Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
     record.cn = cn;
     record.authorization = authorization;
     record.body = body;
+    record.headers = headers;
 
     log_.begin();
     Answer answer;

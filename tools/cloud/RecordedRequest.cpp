@@ -27,6 +27,10 @@ Json::Value RecordedRequest::toJson() const {
     value["host"] = host;
     value["cn"] = cn;
     value["authorization"] = authorization;
+    value["headers"] = Json::Value(Json::arrayValue);
+    for (const std::string& header : headers) {
+        value["headers"].append(header);
+    }
     value["body"] = body;
     value["status"] = status;
     value["note"] = note;

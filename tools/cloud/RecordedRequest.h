@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 namespace ZelCloud {
 
@@ -13,8 +14,9 @@ struct RecordedRequest {
     std::string method;
     std::string path;
     std::string host;
-    std::string cn;             // common name of the client certificate
-    std::string authorization;  // the Authorization header, "" when absent
+    std::string cn;                    // common name of the client certificate
+    std::string authorization;         // the Authorization header, "" when absent
+    std::vector<std::string> headers;  // every header line ("Name: value") in the order sent
     std::string body;
     int status = 0;  // 0 when the connection was dropped without an answer
     std::string note;

@@ -1,8 +1,13 @@
 #include "tools/cloud/TlsServer.h"
 
+#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -34,11 +39,132 @@ std::string OpenSslErrors() {
     return text;
 }
 
+// What the handler running on this thread is serving, and its header lines.
+thread_local const httplib::Request* wireRequest = nullptr;
+thread_local std::vector<std::string> wireHeaders;
+
+bool Readable(int fd, int timeoutMs) {
+    pollfd entry{fd, POLLIN, 0};
+    return poll(&entry, 1, timeoutMs) > 0;
+}
+
+// A TLS connection as httplib reads and writes it, keeping what it reads
+// until the end of the request head.
+class WireStream : public httplib::Stream {
+public:
+    WireStream(int fd, SSL* ssl) : fd_(fd), ssl_(ssl) {}
+
+    bool is_readable() const override { return SSL_pending(ssl_) > 0 || Readable(fd_, kTimeoutMs); }
+    bool is_writable() const override {
+        pollfd entry{fd_, POLLOUT, 0};
+        return poll(&entry, 1, kTimeoutMs) > 0;
+    }
+    ssize_t read(char* ptr, size_t size) override {
+        int got = is_readable() ? SSL_read(ssl_, ptr, static_cast<int>(size)) : 0;
+        if (got <= 0) {
+            return -1;
+        }
+        if (head_.find("\r\n\r\n") == std::string::npos) {
+            head_.append(ptr, static_cast<size_t>(got));
+        }
+        return got;
+    }
+    ssize_t write(const char* ptr, size_t size) override {
+        int put = is_writable() ? SSL_write(ssl_, ptr, static_cast<int>(size)) : 0;
+        return put > 0 ? put : -1;
+    }
+    void get_remote_ip_and_port(std::string& ip, int& port) const override {
+        address(getpeername, ip, port);
+    }
+    void get_local_ip_and_port(std::string& ip, int& port) const override {
+        address(getsockname, ip, port);
+    }
+    socket_t socket() const override { return fd_; }
+
+    // The header lines read so far, without the request line.
+    std::vector<std::string> headers() const {
+        std::vector<std::string> lines;
+        size_t end = head_.find("\r\n\r\n");
+        for (size_t at = head_.find("\r\n"); at < end;) {
+            size_t next = head_.find("\r\n", at + 2);
+            lines.push_back(head_.substr(at + 2, next - at - 2));
+            at = next;
+        }
+        return lines;
+    }
+
+private:
+    static constexpr int kTimeoutMs = 5000;
+
+    template <typename Get>
+    void address(Get get, std::string& ip, int& port) const {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        char text[INET_ADDRSTRLEN] = "";
+        if (get(fd_, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+            inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+            port = ntohs(peer.sin_port);
+        }
+        ip = text;
+    }
+
+    int fd_;
+    SSL* ssl_;
+    std::string head_;
+};
+
+// httplib's TLS server, but each request is read through a WireStream, so
+// that the order of its headers is not lost to httplib's sorted map.
+class WireServer : public httplib::SSLServer {
+public:
+    using httplib::SSLServer::SSLServer;
+
+private:
+    bool process_and_close_socket(socket_t sock) override {
+        ERR_clear_error();
+        SSL* ssl = SSL_new(ssl_context());
+        bool served = false;
+        if (ssl != nullptr && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1) {
+            for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock, ssl); --left) {
+                WireStream stream(sock, ssl);
+                bool closed = false;
+                served = process_request(stream, left == 1, closed, [&](httplib::Request& req) {
+                    req.ssl = ssl;
+                    wireRequest = &req;
+                    wireHeaders = stream.headers();
+                });
+                wireRequest = nullptr;
+                if (!served || closed) {
+                    break;
+                }
+            }
+            if (served) {
+                SSL_shutdown(ssl);
+            }
+        }
+        SSL_free(ssl);
+        shutdown(sock, SHUT_RDWR);
+        close(sock);
+        return served;
+    }
+
+    // A kept-alive connection waits for its next request until the server stops.
+    bool awaitRequest(int sock, SSL* ssl) const {
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
+        while (svr_sock_ != INVALID_SOCKET && std::chrono::steady_clock::now() < end) {
+            if (SSL_pending(ssl) > 0 || Readable(sock, 50)) {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+
 }  // namespace
 
 TlsServer::TlsServer() {
     // Settings that do not depend on any file; certificates come in start().
-    server_ = std::make_unique<httplib::SSLServer>([this](SSL_CTX& ctx) {
+    server_ = std::make_unique<WireServer>([this](SSL_CTX& ctx) {
         SSL_CTX_set_min_proto_version(&ctx, TLS1_2_VERSION);
         SSL_CTX_set_options(&ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
         SSL_CTX_set_tlsext_status_cb(&ctx, &TlsServer::StatusCallback);
@@ -205,6 +331,10 @@ std::string TlsServer::ClientCommonName(const httplib::Request& request) {
     std::string name(reinterpret_cast<char*>(utf8), static_cast<size_t>(length));
     OPENSSL_free(utf8);
     return name;
+}
+
+std::vector<std::string> TlsServer::WireHeaders(const httplib::Request& request) {
+    return wireRequest == &request ? wireHeaders : std::vector<std::string>();
 }
 
 bool TlsServer::ReadFile(const std::string& path, std::string& content) {

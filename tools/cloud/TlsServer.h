@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tools/cloud/ServerThread.h"
 
@@ -55,6 +56,9 @@ public:
 
     // Subject CN of the verified client certificate; empty without one.
     static std::string ClientCommonName(const httplib::Request& request);
+    // The header lines of the request a handler is serving, as they came over
+    // the wire: in order, "Name: value" each.
+    static std::vector<std::string> WireHeaders(const httplib::Request& request);
 
     static bool ReadFile(const std::string& path, std::string& content);
 

@@ -6,20 +6,18 @@
 #include <json/writer.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Core/Base/CoreConfig.h"
-#include "Core/Platform/Base64Util.h"
 #include "Core/Platform/FileUtil.h"
 #include "Core/Platform/JsonUtil.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
+#include "support/Config.h"
 #include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "support/Pki.h"
 
 using Zel::Core::FileUtil;
 using Zel::Core::PersistentValues;
@@ -33,57 +31,31 @@ namespace {
 // No vendor plug-in in this process: the machine defaults are what we test.
 const bool kNoPlugin = setenv("ZEL_KORVANE_PLUGIN", "/nonexistent/libzel_korvane.so", 1) == 0;
 
-// An identity whose self-signed certificate (made with the openssl tool) has `commonName`.
-std::unique_ptr<Zel::Core::ProductIdentity> identityFor(const TempDir& dir,
-                                                        const std::string& commonName) {
-    const std::string command =
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
-        " -subj '/CN=" +
-        commonName + "' -keyout '" + dir.file("key.pem") + "' -out '" + dir.file("cert.pem") +
-        "' >/dev/null 2>&1";
-    EXPECT_EQ(0, std::system(command.c_str()));
-    Json::Value root;
-    root["cert"] = Zel::Core::Base64Util::Encode(ZelTest::ReadFile(dir.file("cert.pem")));
-    return std::make_unique<Zel::Core::ProductIdentity>(JsonUtil::Compact(root).c_str());
-}
-
-// Every persisted member with a value different from its default.
+// Every persisted member with a value other than its default (the SDK
+// version is the build's own).
 Json::Value allNonDefault() {
-    Json::Value v =
-        ZelTest::ParseJson(R"({"gidToken": "gid-token-1", "synchronized": true, "testMode": true,
-        "sdkVersion": "4.8.0-255-g4399f3ce", "certOpid": "OPID01", "certInstance": "cloud.example",
-        "deviceId": "id-1", "deviceModel": "model-1", "deviceSubModel": "sub-1", "oemMsg": "hello",
-        "devicePlatform": "platform-1", "deviceBrand": "brand-1", "deviceEsn": "esn-1",
-        "deviceMac": "01:02:03:04:05:06", "deviceSwVersion": "9.9", "daSupportViewEnabled": true,
-        "svLbrAwsDomain": "lbr.example", "svMrsUrl": "https://mrs.example",
-        "svPingTestHostname": "ping.example", "svSpeedTestDownloadUrl": "https://down.example",
-        "svSpeedTestUploadUrl": "https://up.example", "daConsentUrl": "https://consent.example",
-        "daConsentState": 3, "suCheckForSoftwareUpdate": true,
-        "dsAllowedDataItemIds": ["item-a", "item-b"]})");
-    std::istringstream numbers(
-        "opidSeqNum gidSeqNum dsAggressiveQueuePercentage dsStandardDelayFixedMs "
-        "dsStandardDelayVariedMs dsAggressiveDelayFixedMs dsAggressiveDelayVariedMs "
-        "daConnectTimeoutMs daMessageTimeoutMs daPollDelayFixedMs daPollDelayVariedMs "
-        "daRetryDelayFixedMs daRetryDelayVariedMs daStartupDelayFixedMs daStartupDelayVariedMs "
-        "dsConnectTimeoutMs dsMessageTimeoutMs dsRetryDelayFixedMs dsRetryDelayVariedMs "
-        "dsStartupDelayFixedMs dsStartupDelayVariedMs svConnectTimeoutMs svMessageTimeoutMs "
-        "svRetryDelayFixedMs svRetryDelayVariedMs svActiveTimeoutMs svPausedTimeoutMs "
-        "svNetworkDiagTimeoutMs svSpeedTestDownloadSize svSpeedTestDownloadTimeMs "
-        "svSpeedTestUploadSize svSpeedTestUploadTimeMs suConnectTimeoutMs suMessageTimeoutMs "
-        "suMaxRetryCount suRetryDelayFixedMs suRetryDelayVariedMs suStagingConnectTimeoutMs "
-        "suStagingMessageTimeoutMs suStagingMaxRetryCount suStagingRetryDelayFixedMs "
-        "suStagingRetryDelayVariedMs");
+    std::string text;
+    PersistentValues(nullptr, nullptr, nullptr).marshal(text);
+    Json::Value values = ZelTest::ParseJson(text);
     uint32_t n = 7000001;
-    for (std::string key; numbers >> key;) {
-        v[key] = n++;
+    for (const std::string& key : values.getMemberNames()) {
+        Json::Value& value = values[key];
+        if (value.isBool()) {
+            value = !value.asBool();
+        } else if (value.isArray()) {
+            value = ZelTest::ParseJson(R"(["item-a", "item-b"])");
+        } else if (value.isString() && key != "sdkVersion") {
+            value = key + "-1";
+        } else if (value.isNumeric()) {
+            value = key == "daConsentState" ? 3u : n++;
+        }
     }
-    return v;
+    return values;
 }
 
 class PersistentValuesTest : public ::testing::Test {
 protected:
-    PersistentValuesTest()
-        : config_(("{\"core\": {\"persistentPath\": \"" + dir_.path() + "\"}}").c_str()) {}
+    PersistentValuesTest() : config_(ZelTest::ConfigDoc().dirs(dir_.path()).text().c_str()) {}
 
     std::string dir() const { return config_.getPersistentPath(); }
     std::vector<std::string> files(const std::string& base) const {
@@ -167,28 +139,6 @@ TEST_F(PersistentValuesTest, MissingOrMistypedKeysKeepDefaults) {
     EXPECT_EQ("https://mrs.example", values->getSvMrsUrl());
 }
 
-TEST_F(PersistentValuesTest, CorruptOrHalfWrittenValuesFileIsDiscarded) {
-    const std::string content = JsonUtil::Compact(allNonDefault());
-    // Half-written: the name promises the whole text, the file holds half of it.
-    ZelTest::WriteFile(
-        dir_.file("coreValues_0_" + FileUtil::calcMd5Hash(content.data(), content.size())),
-        content.substr(0, content.size() / 2));
-    {
-        LogCapture capture;
-        auto values = make();
-        EXPECT_TRUE(capture.contains("Bad file hash"));
-        EXPECT_EQ("", values->getGidToken());
-        EXPECT_FALSE(values->isPersisted());
-    }
-    EXPECT_TRUE(files("coreValues").empty());
-
-    // Intact envelope, body not JSON: defaults as well.
-    storeValues("{\"gidToken\": \"x\",");
-    auto values = make();
-    EXPECT_EQ("", values->getGidToken());
-    EXPECT_FALSE(values->isPersisted());
-}
-
 TEST_F(PersistentValuesTest, TokenFileSurvivesLossOfValuesFile) {
     {
         LogCapture capture;
@@ -246,8 +196,9 @@ TEST_F(PersistentValuesTest, TokenFileFollowsTheGidToken) {
 }
 
 TEST_F(PersistentValuesTest, CertificateAndDeviceValuesWinOverStaleFile) {
-    TempDir pki;
-    auto identity = identityFor(pki, "FFFFFF0ACC.zel.localhost:18443");
+    const ZelTest::Pki& pki = ZelTest::Pki::Get("zel.localhost:18443");
+    ASSERT_TRUE(pki.ok()) << pki.error();
+    auto identity = std::make_unique<Zel::Core::ProductIdentity>(pki.identityJson().c_str());
     ASSERT_TRUE(identity->isValid());
     Zel::Core::DeviceValues device(
         R"({"id": "dev-id", "model": "M", "subModel": "S", "platform": "P", "brand": "B",
@@ -261,38 +212,8 @@ TEST_F(PersistentValuesTest, CertificateAndDeviceValuesWinOverStaleFile) {
     EXPECT_EQ("dev-id", values->getDeviceId());
     EXPECT_EQ("1.2.3", values->getDeviceSwVersion());
     // Everything else comes from the file, and the changes are still to be stored.
-    EXPECT_EQ("gid-token-1", values->getGidToken());
+    EXPECT_EQ("gidToken-1", values->getGidToken());
     EXPECT_FALSE(values->isPersisted());
-
-    // A common name without a dot is all operator id.
-    auto bare = identityFor(pki, "OPIDONLY");
-    auto plain = make(bare.get());
-    EXPECT_EQ("OPIDONLY", plain->getCertOpid());
-    EXPECT_EQ("", plain->getCertInstance());
-}
-
-TEST_F(PersistentValuesTest, ConsentChangesAreReportedOnceAndTheTokenIsNeverLogged) {
-    auto values = make();
-    EXPECT_FALSE(values->testDaConsentUrl());
-    EXPECT_FALSE(values->testDaConsentState());
-    EXPECT_TRUE(values->setDaConsentUrl("https://consent"));
-    EXPECT_TRUE(values->setDaConsentState(Zel::Core::ConsentStateCompleted));
-    EXPECT_TRUE(values->testDaConsentUrl());
-    EXPECT_FALSE(values->testDaConsentUrl());
-    EXPECT_TRUE(values->testDaConsentState());
-    EXPECT_FALSE(values->setDaConsentState(Zel::Core::ConsentStateCompleted));
-    EXPECT_FALSE(values->testDaConsentState());
-
-    values->setGidToken("very-secret");
-    values->setDsAllowedDataItemIds({"x"});
-    LogCapture capture;
-    values->logStateDebug();
-    EXPECT_TRUE(capture.contains("persist->daConsentState              : Completed"));
-    EXPECT_TRUE(capture.contains("persist->dsAllowedDataItemIds        : [\"x\"]"));
-    EXPECT_TRUE(capture.contains("persist->gidToken                    : (set)"));
-    for (const std::string& line : capture.messages()) {
-        EXPECT_EQ(std::string::npos, line.find("very-secret")) << line;
-    }
 }
 
 }  // namespace
@@ -333,7 +254,7 @@ TEST_F(PersistentValuesTest, PoisonedFilesAreDeletedLikeCorruptOnes) {
 TEST(PersistentValuesStoreTest, FailedStoreIsRetriedByTheNextOne) {
     TempDir dir;
     const std::string path = dir.file("later");
-    Zel::Core::CoreConfig config(("{\"core\": {\"persistentPath\": \"" + path + "\"}}").c_str());
+    Zel::Core::CoreConfig config(ZelTest::ConfigDoc().dirs(path).text().c_str());
     PersistentValues values(nullptr, &config, nullptr);
     values.setOemMsg("hello");
     values.setGidToken("token-1");

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
-#include "Core/Platform/LoggingEvent.h"
 #include "Core/Platform/LongFormat.h"
 #include "Core/Platform/MediumFormat.h"
 #include "Core/Platform/ShortFormat.h"
@@ -13,99 +13,111 @@ namespace {
 
 using namespace Zel::Core;
 
-// 2024-03-01T12:00:00Z
-constexpr long kNoon = 1709294400;
+constexpr long kNoon = 1709294400;  // 2024-03-01T12:00:00Z
+const Timestamp kAtNoon(kNoon, 123456);
+const Timestamp kNever(1L << 62, 123456);  // beyond what gmtime can show
 
-LoggingEvent event(const std::string& message, int service = 0, int category = 0, int severity = 4,
-                   const std::string& function = "init",
-                   const std::string& file = "Base/CoreManager", int line = 412,
-                   Timestamp when = Timestamp(kNoon, 123456)) {
-    return LoggingEvent(file, line, function, service, category, severity, message, "0a1b2c3d",
-                        when);
+struct Record {
+    std::string message;
+    int service = 0, category = 0, severity = 4;
+    std::string function = "init", file = "Base/CoreManager";
+    int line = 412;
+    Timestamp when = kAtNoon;
+};
+
+std::string pad(const std::string& text, size_t width) {
+    return text + std::string(width - text.size(), ' ');
 }
 
-std::string spaces(size_t n) {
-    return std::string(n, ' ');
-}
-
-TEST(FormatTest, ShortPadsNamesAndKeepsLongerOnesWhole) {
-    ShortFormat format;
-    EXPECT_EQ("core  state      info    message text\n", format.format(event("message text")));
-    EXPECT_EQ("gnsdk supervisor warning a\n", format.format(event("a", 5, 5, 3)));
-    EXPECT_EQ("UNKNOWN UNKNOWN    UNKNOWN x\n", format.format(event("x", -1, 6, 7)));
-    // The message is taken as it is, never as a format.
-    EXPECT_EQ("drmp  webservice trace   100% %s\n", format.format(event("100% %s", 4, 3, 6)));
-}
-
-TEST(FormatTest, MediumShowsTimeToTheMillisecondAndFunction) {
-    MediumFormat format;
-    EXPECT_EQ("12:00:00.123 core  state      info    init()               message text\n",
-              format.format(event("message text")));
-    EXPECT_EQ("23:59:59.000 sv    flow       debug   aVeryLongFunctionName() m\n",
-              format.format(event("m", 2, 1, 5, "aVeryLongFunctionName", "f", 1,
-                                  Timestamp(kNoon + 43199, 999))));
-    // Exactly the width: one separating blank, no more.
-    EXPECT_EQ("00:00:00.999 su    test       fatal   functionNameOfEigh() m\n",
-              format.format(event("m", 3, 4, 1, "functionNameOfEigh", "f", 1,
-                                  Timestamp(kNoon + 43200, 999999))));
-}
-
-TEST(FormatTest, LongShowsDateThreadAndLocation) {
-    LongFormat format;
-    const std::string location = "Base/CoreManager:412-{init}";
-    EXPECT_EQ("[ZEL] 2024-03-01T12:00:00.123456Z 0a1b2c3d core  state      info    " + location +
-                  spaces(75 - location.size()) + " message text\n",
-              format.format(event("message text")));
-
-    const std::string longFile(70, 'd');
-    EXPECT_EQ("[ZEL] 2024-03-01T12:00:00.000005Z 0a1b2c3d ds    clibapi    error   " + longFile +
-                  ":-7-{fn} tail\n",
-              format.format(event("tail", 1, 2, 2, "fn", longFile, -7, Timestamp(kNoon, 5))));
-}
-
-TEST(FormatTest, UnrepresentableTimeLeavesTheTimeTextEmpty) {
-    const Timestamp never(1L << 62, 123456);
-    EXPECT_EQ(" core  state      info    init()               m\n",
-              MediumFormat().format(event("m", 0, 0, 4, "init", "f", 1, never)));
-    EXPECT_EQ("[ZEL]  0a1b2c3d core  state      info    f:1-{init}" + spaces(65) + " m\n",
-              LongFormat().format(event("m", 0, 0, 4, "init", "f", 1, never)));
-    EXPECT_EQ("", LongFormat::TimeStamp(never));
-}
-
-TEST(FormatTest, TestFormatCarriesJsonMessagesAsJson) {
-    TestFormat format;
-    EXPECT_EQ(
-        "{\"category\":\"test\",\"file\":\"Base/EventManager\",\"line\":88,\"message\":{"
-        "\"coreEventQueued\":{\"event\":\"startsvsession\",\"parameters\":[1,\"x\"]}},\"method\":"
-        "\"queue\",\"service\":\"core\",\"severity\":\"info\",\"threadName\":\"0a1b2c3d\","
-        "\"timeStamp\":\"2024-03-01T12:00:00.123456Z\"}\n",
-        format.format(event(
-            "{\"coreEventQueued\": {\"event\": \"startsvsession\", \"parameters\": [1, \"x\"]}}", 0,
-            4, 4, "queue", "Base/EventManager", 88)));
-
-    const std::string head =
+TEST(FormatTest, EveryFormatRendersItsRecord) {
+    const std::string testHead =
         "{\"category\":\"state\",\"file\":\"Base/CoreManager\",\"line\":412,\"message\":";
-    const std::string tail =
+    const std::string testTail =
         ",\"method\":\"init\",\"service\":\"core\",\"severity\":\"info\",\"threadName\":"
         "\"0a1b2c3d\",\"timeStamp\":\"2024-03-01T12:00:00.123456Z\"}\n";
-    EXPECT_EQ(head + "\"***BAD JSON***\"" + tail, format.format(event("plain words")));
-    EXPECT_EQ(head + "\"***BAD JSON***\"" + tail, format.format(event("{\"a\": ")));
-    EXPECT_EQ(head + "42" + tail, format.format(event("42")));
-    // Comments are accepted but not carried along.
-    EXPECT_EQ(head + "{\"a\":1}" + tail, format.format(event("// note\n{\"a\": 1 /* one */}")));
-}
-
-TEST(FormatTest, TestFormatNamesOutOfTableNumbersUnknown) {
-    EXPECT_EQ(
-        "{\"category\":\"UNKNOWN\",\"file\":\"f\",\"line\":1,\"message\":[],\"method\":\"m\","
-        "\"service\":\"UNKNOWN\",\"severity\":\"UNKNOWN\",\"threadName\":\"0a1b2c3d\","
-        "\"timeStamp\":\"2024-03-01T12:00:00.123456Z\"}\n",
-        TestFormat().format(event("[]", 9, 9, 9, "m", "f", 1)));
-}
-
-TEST(FormatTest, TerseIsTheBareMessage) {
-    TerseFormat format;
-    EXPECT_EQ("two\nlines\n", format.format(event("two\nlines", 9, 9, 9)));
+    const std::string longFile(70, 'd');
+    const struct {
+        const char* name;
+        std::shared_ptr<Format> format;
+        Record record;
+        std::string expected;
+    } rows[] = {
+        {"short pads the names",
+         std::make_shared<ShortFormat>(),
+         {"message text"},
+         "core  state      info    message text\n"},
+        {"short keeps the longest names whole",
+         std::make_shared<ShortFormat>(),
+         {"a", 5, 5, 3},
+         "gnsdk supervisor warning a\n"},
+        {"short names numbers out of the tables",
+         std::make_shared<ShortFormat>(),
+         {"x", -1, 6, 7},
+         "UNKNOWN UNKNOWN    UNKNOWN x\n"},
+        {"the message is never a format",
+         std::make_shared<ShortFormat>(),
+         {"100% %s", 4, 3, 6},
+         "drmp  webservice trace   100% %s\n"},
+        {"medium shows milliseconds and the function",
+         std::make_shared<MediumFormat>(),
+         {"message text"},
+         "12:00:00.123 core  state      info    init()               message text\n"},
+        {"medium keeps a long function whole",
+         std::make_shared<MediumFormat>(),
+         {"m", 2, 1, 5, "aVeryLongFunctionName", "f", 1, Timestamp(kNoon + 43199, 999)},
+         "23:59:59.000 sv    flow       debug   aVeryLongFunctionName() m\n"},
+        {"medium at exactly the width",
+         std::make_shared<MediumFormat>(),
+         {"m", 3, 4, 1, "functionNameOfEigh", "f", 1, Timestamp(kNoon + 43200, 999999)},
+         "00:00:00.999 su    test       fatal   functionNameOfEigh() m\n"},
+        {"medium without a time",
+         std::make_shared<MediumFormat>(),
+         {"m", 0, 0, 4, "init", "f", 1, kNever},
+         " core  state      info    init()               m\n"},
+        {"long shows date, thread and location",
+         std::make_shared<LongFormat>(),
+         {"message text"},
+         "[ZEL] 2024-03-01T12:00:00.123456Z 0a1b2c3d core  state      info    " +
+             pad("Base/CoreManager:412-{init}", 75) + " message text\n"},
+        {"long keeps a long location whole",
+         std::make_shared<LongFormat>(),
+         {"tail", 1, 2, 2, "fn", longFile, -7, Timestamp(kNoon, 5)},
+         "[ZEL] 2024-03-01T12:00:00.000005Z 0a1b2c3d ds    clibapi    error   " + longFile +
+             ":-7-{fn} tail\n"},
+        {"long without a time",
+         std::make_shared<LongFormat>(),
+         {"m", 0, 0, 4, "init", "f", 1, kNever},
+         "[ZEL]  0a1b2c3d core  state      info    " + pad("f:1-{init}", 75) + " m\n"},
+        {"test carries a JSON message as JSON",
+         std::make_shared<TestFormat>(),
+         {"// note\n{\"a\": [1, \"x\"] /* one */}"},
+         testHead + "{\"a\":[1,\"x\"]}" + testTail},
+        {"test marks other messages",
+         std::make_shared<TestFormat>(),
+         {"plain words"},
+         testHead + "\"***BAD JSON***\"" + testTail},
+        {"test marks cut JSON",
+         std::make_shared<TestFormat>(),
+         {"{\"a\": "},
+         testHead + "\"***BAD JSON***\"" + testTail},
+        {"test names numbers out of the tables",
+         std::make_shared<TestFormat>(),
+         {"[]", 9, 9, 9, "m", "f", 1},
+         "{\"category\":\"UNKNOWN\",\"file\":\"f\",\"line\":1,\"message\":[],\"method\":\"m\","
+         "\"service\":\"UNKNOWN\",\"severity\":\"UNKNOWN\",\"threadName\":\"0a1b2c3d\","
+         "\"timeStamp\":\"2024-03-01T12:00:00.123456Z\"}\n"},
+        {"terse is the bare message",
+         std::make_shared<TerseFormat>(),
+         {"two\nlines", 9, 9, 9},
+         "two\nlines\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const Record& r = row.record;
+        EXPECT_EQ(row.expected,
+                  row.format->format(LoggingEvent(r.file, r.line, r.function, r.service, r.category,
+                                                  r.severity, r.message, "0a1b2c3d", r.when)));
+    }
 }
 
 }  // namespace

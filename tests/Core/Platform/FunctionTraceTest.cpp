@@ -5,33 +5,14 @@
 #include <string>
 
 #include "Core/Platform/Logger.h"
+#include "support/Config.h"
 #include "support/LogCapture.h"
-#include "support/TempDir.h"
 
 namespace {
 
 constexpr const char* kLogSource = "Platform/FunctionTraceTest";
 
 using namespace Zel::Core;
-
-class FunctionTraceTest : public ::testing::Test {
-protected:
-    void SetUp() override { Logger::Instance().terminate(); }
-    void TearDown() override { Logger::Instance().terminate(); }
-
-    void initialize(const std::string& format, const std::string& service,
-                    const std::string& category, const std::string& severity) {
-        Json::Value loggers = ZelTest::LogCapture::LoggersConfig(path_, severity);
-        loggers[0]["format"] = format;
-        loggers[0]["filters"].resize(1);
-        loggers[0]["filters"][0]["service"] = service;
-        loggers[0]["filters"][0]["category"] = category;
-        Logger::Instance().initialize(loggers);
-    }
-
-    ZelTest::TempDir dir_;
-    std::string path_ = dir_.file("trace.log");
-};
 
 int traceLine = 0;
 
@@ -41,52 +22,67 @@ void tracedWork(int service) {
     Logger::Instance().log("body", 1, "body", service, CategoryFlow, SeverityFatal, "working");
 }
 
-TEST_F(FunctionTraceTest, EnterAndReturnWhenFlowAdmitsDebug) {
-    initialize("short", "sv", "flow", "debug");
-    tracedWork(ServiceSv);
-    EXPECT_EQ(
-        "sv    flow       debug   Function Enter\nsv    flow       fatal   working\n"
-        "sv    flow       debug   Function Return\n",
-        ZelTest::ReadFile(path_));
-}
+class FunctionTraceTest : public ::testing::Test {
+protected:
+    void SetUp() override { Logger::Instance().terminate(); }
+    void TearDown() override { Logger::Instance().terminate(); }
 
-TEST_F(FunctionTraceTest, RecordsCarryTheTracedFunctionAndLine) {
-    initialize("test", "drmp", "flow", "trace");
-    tracedWork(ServiceDrmp);
-    std::string text = ZelTest::ReadFile(path_);
-    const std::string where =
-        "\"file\":\"Platform/FunctionTraceTest\",\"line\":" + std::to_string(traceLine) +
-        ",\"message\":\"***BAD JSON***\"," + "\"method\":\"tracedWork\"";
-    size_t first = text.find(where);
-    ASSERT_NE(std::string::npos, first) << text;
-    EXPECT_NE(std::string::npos, text.find(where, first + 1)) << text;
-}
+    // A fresh log admitting `filters` only.
+    ZelTest::LogFile logTo(const std::string& filters) {
+        ZelTest::LogFile log(dir_.file(std::to_string(logs_++)));
+        Json::Value loggers(Json::arrayValue);
+        loggers.append(ZelTest::LoggerElement("file", log.path(), "long", filters));
+        Logger::Instance().terminate();
+        Logger::Instance().initialize(loggers);
+        return log;
+    }
 
-TEST_F(FunctionTraceTest, SilentBelowDebugOrForOtherPairs) {
-    initialize("terse", "sv", "flow", "info");
-    tracedWork(ServiceSv);
-    EXPECT_EQ("working\n", ZelTest::ReadFile(path_));
+    ZelTest::TempDir dir_;
+    int logs_ = 0;
+};
 
-    Logger::Instance().terminate();
-    ZelTest::WriteFile(path_, "");
-    initialize("terse", "su", "flow", "trace");
-    tracedWork(ServiceCore);
-    EXPECT_EQ("", ZelTest::ReadFile(path_));
+TEST_F(FunctionTraceTest, EnterAndReturnWhereFlowAdmitsDebug) {
+    const struct {
+        const char* filters;
+        int service;
+        std::vector<std::string> messages;
+    } rows[] = {
+        {"sv/flow/debug", ServiceSv, {"Function Enter", "working", "Function Return"}},
+        {"drmp/flow/trace", ServiceDrmp, {"Function Enter", "working", "Function Return"}},
+        {"sv/flow/info", ServiceSv, {"working"}},
+        {"su/flow/trace", ServiceCore, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.filters);
+        ZelTest::LogFile log = logTo(row.filters);
+        tracedWork(row.service);
+        Logger::Instance().terminate();
+        EXPECT_EQ(row.messages, log.messages());
+        for (const ZelTest::LogRecord& record : log.records()) {
+            if (record.message != "working") {
+                EXPECT_EQ(
+                    "Platform/FunctionTraceTest:" + std::to_string(traceLine) + "-{tracedWork}",
+                    record.location);
+                EXPECT_EQ("debug", record.severity);
+            }
+        }
+    }
 }
 
 TEST_F(FunctionTraceTest, EachEndIsTestedWhenItHappens) {
+    ZelTest::LogFile late("");
     {
         FunctionTrace trace("late", "f", 1, ServiceCore);
-        initialize("terse", "core", "flow", "debug");
+        late = logTo("core/flow/debug");
     }
-    EXPECT_EQ("Function Return\n", ZelTest::ReadFile(path_));
+    EXPECT_EQ(std::vector<std::string>{"Function Return"}, late.messages());
 
-    ZelTest::WriteFile(path_, "");
+    ZelTest::LogFile early = logTo("core/flow/debug");
     {
         FunctionTrace trace("early", "f", 1, ServiceCore);
         Logger::Instance().terminate();
     }
-    EXPECT_EQ("Function Enter\n", ZelTest::ReadFile(path_));
+    EXPECT_EQ(std::vector<std::string>{"Function Enter"}, early.messages());
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "Core/Platform/Logger.h"
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
 #include <atomic>
 #include <set>
@@ -11,49 +10,16 @@
 #include <vector>
 
 #include "Core/Platform/Appender.h"
-#include "support/TempDir.h"
+#include "support/Config.h"
+#include "support/LogCapture.h"
 
 namespace {
 
 constexpr const char* kLogSource = "Platform/LoggerTest";
 
 using namespace Zel::Core;
-
-// A file element; `filters` lists "service/category/severity" entries.
-Json::Value fileElement(const std::string& path, const std::string& format,
-                        const std::string& filters, bool append = true) {
-    Json::Value element;
-    element["type"] = "file";
-    element["argument"] = path;
-    element["append"] = append;
-    element["format"] = format;
-    element["filters"] = Json::Value(Json::arrayValue);
-    std::istringstream in(filters);
-    for (std::string entry; in >> entry;) {
-        const size_t first = entry.find('/');
-        const size_t last = entry.rfind('/');
-        Json::Value& filter = element["filters"].append(Json::Value());
-        filter["service"] = entry.substr(0, first);
-        filter["category"] = entry.substr(first + 1, last - first - 1);
-        filter["severity"] = entry.substr(last + 1);
-    }
-    return element;
-}
-
-std::vector<std::string> lines(const std::string& path) {
-    std::vector<std::string> result;
-    std::istringstream in(ZelTest::ReadFile(path));
-    std::string line;
-    while (std::getline(in, line)) {
-        result.push_back(line);
-    }
-    return result;
-}
-
-bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() &&
-           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
+using ZelTest::LoggerElement;
+using ZelTest::ReadFile;
 
 class LoggerTest : public ::testing::Test {
 protected:
@@ -67,47 +33,41 @@ protected:
         }
         Logger::Instance().initialize(loggers);
     }
+    Json::Value file(const std::string& format, const std::string& filters, bool append = true) {
+        return LoggerElement("file", path_, format, filters, append);
+    }
 
     ZelTest::TempDir dir_;
     std::string path_ = dir_.file("agent.log");
 };
 
-TEST_F(LoggerTest, NothingIsLoggedBeforeInitializeOrWithAnEmptyArray) {
+TEST_F(LoggerTest, NothingIsLoggedBeforeInitializeOrAfterTerminate) {
     Logger& logger = Logger::Instance();
     logger.log("f", 1, "fn", 0, 0, 1, "before %d", 1);
-
     // Not an array: ignored, and the logger stays open for a real configuration.
-    Json::Value object(Json::objectValue);
-    object["type"] = "file";
+    Json::Value object = file("terse", "core/state/trace");
     logger.initialize(object);
-    EXPECT_FALSE(logger.test(0, 0, 1));
-
     initialize({});
     // Already initialized (with nothing): a second configuration is ignored.
-    initialize({fileElement(path_, "terse", "core/state/trace")});
+    initialize({file("terse", "core/state/trace")});
     EXPECT_FALSE(logger.test(0, 0, 1));
 
     logger.terminate();
-    initialize({fileElement(path_, "terse", "core/state/trace")});
-    EXPECT_TRUE(logger.test(0, 0, 1));
+    initialize({file("terse", "core/state/trace")});
     logger.log("f", 1, "fn", 0, 0, 1, "after %s", "initialize");
-    EXPECT_EQ("after initialize\n", ZelTest::ReadFile(path_));
-
     logger.terminate();
-    EXPECT_FALSE(logger.test(0, 0, 1));
     logger.log("f", 1, "fn", 0, 0, 1, "after terminate");
-    EXPECT_EQ("after initialize\n", ZelTest::ReadFile(path_));
+    EXPECT_EQ("after initialize\n", ReadFile(path_));
 }
 
 TEST_F(LoggerTest, FiltersDecideWhatEachAppenderWrites) {
     const std::string other = dir_.file("other.log");
-    initialize({fileElement(path_, "terse", "core/state/info sv/flow/trace su/webservice/disabled"),
-                fileElement(other, "short", "su/webservice/error")});
+    initialize({file("terse", "core/state/info sv/flow/trace su/webservice/disabled"),
+                LoggerElement("file", other, "short", "su/webservice/error")});
     Logger& logger = Logger::Instance();
     // A "disabled" entry does not hide another appender's wider one.
     EXPECT_TRUE(logger.test(ServiceSu, CategoryWebservice, SeverityError));
     EXPECT_FALSE(logger.test(ServiceSu, CategoryWebservice, SeverityWarning));
-
     for (int severity = SeverityFatal; severity <= SeverityTrace; ++severity) {
         logger.log("f", 1, "fn", ServiceCore, CategoryState, severity, "core state %d", severity);
         logger.log("f", 1, "fn", ServiceSv, CategoryFlow, severity, "sv flow %d", severity);
@@ -117,24 +77,18 @@ TEST_F(LoggerTest, FiltersDecideWhatEachAppenderWrites) {
     EXPECT_EQ(
         "core state 1\nsv flow 1\ncore state 2\nsv flow 2\ncore state 3\nsv flow 3\n"
         "core state 4\nsv flow 4\nsv flow 5\nsv flow 6\n",
-        ZelTest::ReadFile(path_));
+        ReadFile(path_));
     EXPECT_EQ("su    webservice fatal   su ws 1\nsu    webservice error   su ws 2\n",
-              ZelTest::ReadFile(other));
+              ReadFile(other));
 }
 
 TEST_F(LoggerTest, ElementsThatCannotLogAreDropped) {
-    Json::Value consoleWithoutFilters = fileElement("stdout", "short", "");
-    consoleWithoutFilters["type"] = "console";
-    consoleWithoutFilters.removeMember("filters");
-    Json::Value consoleBadStream = fileElement("stdlog", "short", "core/state/info");
-    consoleBadStream["type"] = "console";
-    Json::Value unknownType = fileElement(path_, "short", "core/state/info");
-    unknownType["type"] = "socket";
-    Json::Value noArgument = fileElement("", "short", "core/state/info");
-    Json::Value badFormat = fileElement(path_, "json", "core/state/info");
-
-    initialize({consoleWithoutFilters, consoleBadStream, unknownType, noArgument, badFormat,
-                Json::Value(7)});
+    Json::Value withoutFilters = LoggerElement("console", "stdout", "short", "");
+    withoutFilters.removeMember("filters");
+    initialize({withoutFilters, LoggerElement("console", "stdlog", "short", "core/state/info"),
+                LoggerElement("socket", path_, "short", "core/state/info"),
+                LoggerElement("file", "", "short", "core/state/info"),
+                file("json", "core/state/info"), Json::Value(7)});
     EXPECT_TRUE(Appender::GetAppenderMap().empty());
     EXPECT_FALSE(Logger::Instance().test(0, 0, 1));
 }
@@ -144,10 +98,9 @@ TEST_F(LoggerTest, RegistryKeysOrderAndDuplicates) {
     const std::string second = dir_.file("second.log");
     // Same type, format and argument as the first: the same key, even with
     // other filters and flags, so it is registered once (and truncates nothing).
-    Json::Value again = fileElement(path_, "terse", "sv/state/trace", false);
     // Two appenders on one file: records arrive in key order, terse after short.
-    initialize({fileElement(path_, "terse", "core/state/info"), again,
-                fileElement(path_, "short", "core/state/info"), fileElement(second, "long", "")});
+    initialize({file("terse", "core/state/info"), file("terse", "sv/state/trace", false),
+                file("short", "core/state/info"), LoggerElement("file", second, "long", "")});
     std::vector<std::string> keys;
     for (const auto& entry : Appender::GetAppenderMap()) {
         keys.push_back(entry.first);
@@ -156,56 +109,27 @@ TEST_F(LoggerTest, RegistryKeysOrderAndDuplicates) {
                                         "file-terse-" + path_}),
               keys);
     EXPECT_FALSE(Logger::Instance().test(ServiceSv, CategoryState, SeverityInfo));
-
     Logger::Instance().log("f", 1, "fn", 0, 0, 4, "twice");
-    EXPECT_EQ("earlier\ncore  state      info    twice\ntwice\n", ZelTest::ReadFile(path_));
-    EXPECT_EQ("", ZelTest::ReadFile(second));
+    EXPECT_EQ("earlier\ncore  state      info    twice\ntwice\n", ReadFile(path_));
+    EXPECT_EQ("", ReadFile(second));
 }
 
 TEST_F(LoggerTest, LogCallCarriesSourceFunctionAndLongMessages) {
-    initialize({fileElement(path_, "test", "drmp/clibapi/warning")});
+    initialize({file("long", "drmp/clibapi/warning")});
     const std::string big(5000, 'z');
     int line = __LINE__ + 1;
     ZEL_LOG(ServiceDrmp, CategoryClibapi, SeverityWarning, "%s-%d", big.c_str(), 7);
     ZEL_LOG(ServiceDrmp, CategoryClibapi, SeverityInfo, "filtered");
 
-    std::vector<std::string> written = lines(path_);
-    ASSERT_EQ(1u, written.size());
-    Json::Value record;
-    ASSERT_TRUE(Json::Reader().parse(written[0], record));
-    EXPECT_EQ("Platform/LoggerTest", record["file"].asString());
-    EXPECT_EQ(line, record["line"].asInt());
-    EXPECT_EQ("TestBody", record["method"].asString());
-    EXPECT_EQ("***BAD JSON***", record["message"].asString());
-}
-
-TEST_F(LoggerTest, JsonChannelWritesCompactRecordsAtTestInfo) {
-    const std::string terse = dir_.file("terse.log");
-    initialize({fileElement(path_, "test", "core/test/info"),
-                fileElement(terse, "terse", "core/test/info")});
-    Json::Value record;
-    record["coreEventQueued"]["event"] = "startsvsession";
-    record["coreEventQueued"]["parameters"] = Json::Value(Json::objectValue);
-    record["coreEventQueued"]["parameters"]["note"] = "100% \"done\"\n";
-    Logger::Instance().logJson("Base/EventManager", 9, "queue", ServiceCore, record);
-    // Not admitted for another service.
-    Logger::Instance().logJson("Base/EventManager", 9, "queue", ServiceSv, record);
-
-    EXPECT_EQ(
-        "{\"coreEventQueued\":{\"event\":\"startsvsession\",\"parameters\":{\"note\":\"100% "
-        "\\\"done\\\"\\n\"}}}\n",
-        ZelTest::ReadFile(terse));
-    std::vector<std::string> written = lines(path_);
-    ASSERT_EQ(1u, written.size());
-    Json::Value parsed;
-    ASSERT_TRUE(Json::Reader().parse(written[0], parsed));
-    EXPECT_EQ(record, parsed["message"]);
-    EXPECT_EQ("test", parsed["category"].asString());
+    std::vector<ZelTest::LogRecord> records = ZelTest::LogFile(path_).records();
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ("Platform/LoggerTest:" + std::to_string(line) + "-{TestBody}", records[0].location);
+    EXPECT_EQ(big + "-7", records[0].message);
 }
 
 // Every record must reach the file whole, whatever the interleaving of callers.
-TEST_F(LoggerTest, ConcurrentCallersWriteIntactLines) {
-    initialize({fileElement(path_, "long", "core/state/info sv/test/info sv/flow/debug")});
+TEST_F(LoggerTest, ConcurrentCallersWriteIntactRecords) {
+    initialize({file("long", "core/state/info sv/test/info sv/flow/debug")});
     constexpr int kThreads = 6;
     constexpr int kRecords = 200;
     const std::string payload(300, 'p');
@@ -224,37 +148,34 @@ TEST_F(LoggerTest, ConcurrentCallersWriteIntactLines) {
                     record["record"] = i;
                     Logger::Instance().logJson("f", 1, "worker", ServiceSv, record);
                 }
-                Logger::Instance().test(ServiceCore, CategoryState, SeverityInfo);
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-
     // Each record once, whole; every traced call both entered and returned.
     std::set<std::string> seen;
     size_t traces = 0;
-    for (const std::string& line : lines(path_)) {
-        ASSERT_EQ(0u, line.rfind("[ZEL] ", 0)) << line;
-        if (endsWith(line, " Function Enter") || endsWith(line, " Function Return")) {
+    for (const ZelTest::LogRecord& record : ZelTest::LogFile(path_).records()) {
+        if (record.message == "Function Enter" || record.message == "Function Return") {
             ++traces;
             continue;
         }
-        size_t message = line.find("-{worker} ");
-        ASSERT_NE(std::string::npos, message) << line;
-        const std::string text = line.substr(line.find_first_not_of(' ', message + 10));
-        EXPECT_TRUE(endsWith(text, " end") || endsWith(text, "}")) << text;
-        EXPECT_TRUE(seen.insert(text).second) << text;
+        EXPECT_EQ("f:1-{worker}", record.location);
+        EXPECT_TRUE(record.message.back() == '}' ||
+                    record.message.compare(record.message.size() - 4, 4, " end") == 0)
+            << record.message;
+        EXPECT_TRUE(seen.insert(record.message).second) << record.message;
     }
-    EXPECT_EQ(static_cast<size_t>(kThreads / 2 * kRecords * 2), traces);
+    EXPECT_EQ(static_cast<size_t>(kThreads * kRecords), traces);
     EXPECT_EQ(static_cast<size_t>(kThreads * kRecords), seen.size());
 }
 
 // Reconfiguring while others log: a record is either written whole or not at all.
 TEST_F(LoggerTest, TerminateAndInitializeWhileOthersLog) {
     Json::Value loggers(Json::arrayValue);
-    loggers.append(fileElement(path_, "terse", "core/state/info"));
+    loggers.append(file("terse", "core/state/info"));
     Logger::Instance().initialize(loggers);
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
@@ -273,7 +194,8 @@ TEST_F(LoggerTest, TerminateAndInitializeWhileOthersLog) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    for (const std::string& line : lines(path_)) {
+    std::istringstream lines(ReadFile(path_));
+    for (std::string line; std::getline(lines, line);) {
         int writer = -1;
         int number = -1;
         char rest = 0;
