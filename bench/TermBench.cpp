@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "Core/Platform/JsonUtil.h"
 #include "tools/cloud/Cloud.h"
@@ -97,6 +98,9 @@ void BM_TermWithExchangeInFlight(benchmark::State& state) {
             state.SkipWithError("no exchange came to be held");
             break;
         }
+        // The cloud sees the request a moment before the agent settles into
+        // its wait; stop it only once it truly waits.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
         auto start = std::chrono::steady_clock::now();
         ZelTerm();
         waitForState(DeviceAgentStateUninitialized);

@@ -23,6 +23,7 @@ namespace {
 constexpr const char* kLogSource = "Platform/Http";
 
 constexpr long kKeepAliveSeconds = 10;
+constexpr int kPollMs = 60000;
 
 std::atomic<bool> globalCleanup{false};
 
@@ -191,8 +192,10 @@ CURLcode Transfer(Http::Request& request) {
             if (done) {
                 break;
             }
+            // libcurl shortens the wait to its own next deadline; the rest
+            // of the time only a wake-up (an abort) ends it early.
             if (code == CURLM_OK) {
-                code = curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+                code = curl_multi_poll(multi, nullptr, 0, kPollMs, nullptr);
             }
             if (code != CURLM_OK) {
                 ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
