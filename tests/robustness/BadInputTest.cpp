@@ -45,7 +45,7 @@ std::string Rewrite(const std::string& document,
         }
         return value.isObject() ? (text.empty() ? "{" : text) + "}" : leaf(value);
     };
-    return write(AgentLab::Parse(document));
+    return write(ZelTest::ParseJson(document));
 }
 
 std::string WrongTypes(const std::string& document) {
@@ -151,12 +151,6 @@ void RunNormally(Probe& probe, AgentLab& lab) {
     probe.exit();
 }
 
-// A first run in a probe of its own: leaves an identity and real files behind.
-void RunOnce(AgentLab& lab) {
-    Probe probe(lab);
-    RunNormally(probe, lab);
-}
-
 void HoldPolls(AgentLab& lab) {
     lab.cloud().addFault(ZelTest::Fault("da/notification", FaultPlan::Kind::Delay, 0, 600000));
 }
@@ -236,8 +230,9 @@ TEST(BadInput, CloudAnswers) {
             AgentLab lab;
             bool identity = path == "da/gidtoken";
             if (!identity) {
-                // The lab's short retry delay, and a state call at the next poll.
-                ASSERT_NO_FATAL_FAILURE(RunOnce(lab));
+                // A first run for the lab's short retry delay, and a state call at the next poll.
+                Probe first(lab);
+                ASSERT_NO_FATAL_FAILURE(RunNormally(first, lab));
                 lab.cloud().desynchronize();
             }
             // A fresh device asks for an identity at once; the fault outlasts any retry.
@@ -282,7 +277,8 @@ TEST(BadInput, PersistedFiles) {
     for (const Case& c : cases) {
         RunCase(c.name, [&] {
             AgentLab lab;
-            ASSERT_NO_FATAL_FAILURE(RunOnce(lab));
+            Probe first(lab);
+            ASSERT_NO_FATAL_FAILURE(RunNormally(first, lab));
             // The state of the base is replaced by the bad one, under a valid name.
             std::string current;
             for (const auto& entry : std::filesystem::directory_iterator(lab.persistentDir())) {
@@ -346,7 +342,7 @@ TEST(BadInput, TermDuringASlowAnswer) {
             Probe probe(lab);
             ZelTest::ConfigDoc config = lab.configDoc();
             if (injected) {
-                config.inject("da/notification", AgentLab::Parse(R"([{"statusCode": 200,
+                config.inject("da/notification", ZelTest::ParseJson(R"([{"statusCode": 200,
                     "body": "{}", "duration": 600}])"));
             } else {
                 HoldPolls(lab);

@@ -19,9 +19,20 @@ namespace {
 
 constexpr const char* kApi = "/api/v1/";
 
-// The port goes into the device certificate, so it is chosen once.
+// A free loopback port (free when asked, that is). It goes into the device
+// certificate, so it is chosen once.
 int labPort() {
-    static const int port = FreeLoopbackPort();
+    static const int port = [] {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+        close(fd);
+        return bound ? ntohs(address.sin_port) : throw std::runtime_error("no free loopback port");
+    }();
     return port;
 }
 
@@ -35,34 +46,10 @@ const Pki& labPki() {
 
 }  // namespace
 
-int FreeLoopbackPort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                 getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-    close(fd);
-    if (!bound) {
-        throw std::runtime_error("no free loopback port");
-    }
-    return ntohs(address.sin_port);
-}
-
-constexpr std::chrono::milliseconds AgentLab::kPatience;
-
 Json::Value AgentLab::FastSettings() {
-    Json::Value settings;
-    settings["daPollDelayFixedMs"] = 200;
-    settings["daPollDelayVariedMs"] = 0;
-    settings["daRetryDelayFixedMs"] = 100;
-    settings["daRetryDelayVariedMs"] = 0;
-    settings["daStartupDelayFixedMs"] = 0;
-    settings["daStartupDelayVariedMs"] = 0;
-    settings["daConnectTimeoutMs"] = 5000;
-    settings["daMessageTimeoutMs"] = 15000;
-    return settings;
+    return ParseJson(R"({"daPollDelayFixedMs": 200, "daPollDelayVariedMs": 0,
+        "daRetryDelayFixedMs": 100, "daRetryDelayVariedMs": 0, "daStartupDelayFixedMs": 0,
+        "daStartupDelayVariedMs": 0, "daConnectTimeoutMs": 5000, "daMessageTimeoutMs": 15000})");
 }
 
 AgentLab::AgentLab(const Json::Value& settings) : log_(dir_.file("agent.log")) {
@@ -88,10 +75,6 @@ std::string AgentLab::DeviceCn() {
     return labPki().deviceCommonName();
 }
 
-ConfigDoc AgentLab::configDoc() const {
-    return ConfigDoc().dirs(dir_.path()).logTo(log_.path());
-}
-
 const std::string& AgentLab::identity() const {
     static const std::string text = labPki().identityJson();
     return text;
@@ -100,10 +83,6 @@ const std::string& AgentLab::identity() const {
 const std::string& AgentLab::device() const {
     static const std::string text = labPki().deviceJson();
     return text;
-}
-
-ZelResult AgentLab::init() {
-    return ZelInit(identity().c_str(), config().c_str(), device().c_str());
 }
 
 uint32_t AgentLab::state() const {
@@ -138,11 +117,6 @@ bool AgentLab::term() {
         return state() == DeviceAgentStateUninitialized;
     }
     return waitForState(DeviceAgentStateUninitialized);
-}
-
-bool AgentLab::waitFor(const ZelCloud::RequestLog::Predicate& predicate,
-                       std::chrono::milliseconds timeout) {
-    return cloud_->waitFor(predicate, timeout);
 }
 
 bool AgentLab::waitForCalls(const std::string& path, size_t count,

@@ -17,9 +17,6 @@
 
 namespace ZelTest {
 
-// A free TCP port on 127.0.0.1 (free when asked, that is).
-int FreeLoopbackPort();
-
 // A fault for the next `count` calls whose path ends with `path`.
 inline ZelCloud::FaultPlan::Fault Fault(const std::string& path, ZelCloud::FaultPlan::Kind kind,
                                         int status = 0, long delayMs = 0, unsigned count = 1) {
@@ -45,21 +42,22 @@ public:
     ZelCloud::Cloud& cloud() { return *cloud_; }
     const std::string& persistentDir() const { return dir_.path(); }
     // The lab's configuration: its directory and its log at debug severity.
-    ConfigDoc configDoc() const;
+    ConfigDoc configDoc() const { return ConfigDoc().dirs(dir_.path()).logTo(log_.path()); }
     std::string config() const { return configDoc().text(); }
     const std::string& identity() const;
     const std::string& device() const;
     // Common name of the device certificate: how the cloud knows the device.
     static std::string DeviceCn();
 
-    ZelResult init();
+    ZelResult init() { return ZelInit(identity().c_str(), config().c_str(), device().c_str()); }
     // ZelTerm, then waits for Uninitialized.
     bool term();
     bool waitForState(uint32_t state, std::chrono::milliseconds timeout = kPatience);
     uint32_t state() const;
 
-    bool waitFor(const ZelCloud::RequestLog::Predicate& predicate,
-                 std::chrono::milliseconds timeout = kPatience);
+    bool waitFor(const ZelCloud::RequestLog::Predicate& predicate) {
+        return cloud_->waitFor(predicate, kPatience);
+    }
     // Waits until the cloud has seen `count` calls of `path` ("da/state") in all.
     bool waitForCalls(const std::string& path, size_t count,
                       std::chrono::milliseconds timeout = kPatience);
@@ -73,8 +71,6 @@ public:
                     std::chrono::milliseconds timeout = kPatience) const {
         return log_.waitFor(message, count, timeout);
     }
-
-    static Json::Value Parse(const std::string& text) { return ParseJson(text); }
 
 private:
     TempDir dir_;

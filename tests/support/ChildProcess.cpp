@@ -74,7 +74,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 
 ChildProcess::~ChildProcess() {
     if (!exit_) {
-        kill(SIGKILL);
+        syscall(SYS_pidfd_send_signal, pidfd_, SIGKILL, nullptr, 0);
         waitpid(pid_, nullptr, 0);
     }
     close(in_);
@@ -121,12 +121,6 @@ std::optional<ChildProcess::Exit> ChildProcess::wait(std::chrono::milliseconds t
                      WIFSIGNALED(status) ? WTERMSIG(status) : 0};
     }
     return exit_;
-}
-
-void ChildProcess::kill(int signal) {
-    if (!exit_) {
-        syscall(SYS_pidfd_send_signal, pidfd_, signal, nullptr, 0);
-    }
 }
 
 }  // namespace ZelTest

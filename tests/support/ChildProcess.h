@@ -29,7 +29,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    pid_t pid() const { return pid_; }
     // Writes `line` and a newline; false when the child no longer reads.
     bool writeLine(const std::string& line);
     // The next line of output without its newline; nothing when the output
@@ -37,8 +36,6 @@ public:
     std::optional<std::string> readLine(std::chrono::milliseconds timeout);
     // Waits for the child to end; nothing when it still runs after `timeout`.
     std::optional<Exit> wait(std::chrono::milliseconds timeout);
-    // Signals the child unless it has been waited for.
-    void kill(int signal);
 
 private:
     pid_t pid_ = -1;

@@ -41,9 +41,9 @@ LogRecord LogFile::Parse(const std::string& line) {
     } else {
         record.micros = ParseTime(next());
     }
-    record.thread = next();
-    record.service = next();
-    record.category = next();
+    next();  // thread, service and category
+    next();
+    next();
     record.severity = next();
     record.location = next();
     // The location is padded to 75 columns, then one blank.

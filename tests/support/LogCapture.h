@@ -12,9 +12,6 @@ namespace ZelTest {
 // One record of a log written in the "long" format.
 struct LogRecord {
     int64_t micros = 0;  // wall-clock time since the epoch; 0 when none was written
-    std::string thread;
-    std::string service;
-    std::string category;
     std::string severity;
     std::string location;  // "Base/CoreManager:412-{init}"
     std::string message;   // continuation lines included
@@ -29,7 +26,6 @@ public:
     std::vector<LogRecord> records() const;
     std::vector<std::string> messages() const;
     size_t count(const std::string& message) const;
-    bool contains(const std::string& message) const { return count(message) > 0; }
     // The first message that starts with `prefix`, or "".
     std::string find(const std::string& prefix) const;
     // Waits until `message` has been logged `times` times, woken by every write.

@@ -12,31 +12,16 @@ namespace ZelTest {
 
 namespace {
 
-std::string ShellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) {
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
-}
-
 // Destroyed at exit, which removes the directories.
-struct Registry {
-    std::mutex mutex;
-    std::map<std::pair<std::string, std::string>, std::unique_ptr<Pki>> made;
-};
-
-Registry& registry() {
-    static Registry instance;
-    return instance;
-}
+std::mutex registryMutex;
+std::map<std::pair<std::string, std::string>, std::unique_ptr<Pki>> registry;
 
 }  // namespace
 
 Pki::Pki(const std::string& instance, const std::string& opid) : instance_(instance), opid_(opid) {
-    std::string command = ShellQuote(std::string(ZEL_SOURCE_DIR) + "/tools/pki/make-pki.sh") + " " +
-                          ShellQuote(dir_.path()) + " " + ShellQuote(instance) + " " +
-                          ShellQuote(opid) + " 2>&1";
+    // Every argument is ours: a source path, a fresh temporary directory and plain names.
+    std::string command = "'" + std::string(ZEL_SOURCE_DIR) + "/tools/pki/make-pki.sh' '" +
+                          dir_.path() + "' '" + instance + "' '" + opid + "' 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
         error_ = "cannot run make-pki.sh";
@@ -44,8 +29,7 @@ Pki::Pki(const std::string& instance, const std::string& opid) : instance_(insta
     }
     std::string output;
     char buffer[512];
-    size_t count;
-    while ((count = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+    for (size_t count; (count = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
         output.append(buffer, count);
     }
     int status = pclose(pipe);
@@ -56,8 +40,8 @@ Pki::Pki(const std::string& instance, const std::string& opid) : instance_(insta
 }
 
 const Pki& Pki::Get(const std::string& instance, const std::string& opid) {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    std::unique_ptr<Pki>& pki = registry().made[{instance, opid}];
+    std::lock_guard<std::mutex> lock(registryMutex);
+    std::unique_ptr<Pki>& pki = registry[{instance, opid}];
     if (!pki) {
         pki = std::make_unique<Pki>(instance, opid);
     }
@@ -65,8 +49,8 @@ const Pki& Pki::Get(const std::string& instance, const std::string& opid) {
 }
 
 void Pki::RemoveAll() {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    registry().made.clear();
+    std::lock_guard<std::mutex> lock(registryMutex);
+    registry.clear();
 }
 
 ZelCloud::TlsServer::Config Pki::serverConfig(const std::string& name,

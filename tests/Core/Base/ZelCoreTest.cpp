@@ -1,6 +1,9 @@
 // Entry points whose answers depend on more than their arguments: the clock,
-// and the mapping of the host's log severities onto the agent's.
+// the mapping of the host's log severities onto the agent's, and their traces.
 #include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
 
 #include "Core/Platform/TimeManager.h"
 #include "support/Config.h"
@@ -8,10 +11,6 @@
 #include "zel.h"
 
 namespace {
-
-std::string sample(const std::string& name) {
-    return ZelTest::ReadFile(std::string(ZEL_SOURCE_DIR) + "/samples/" + name);
-}
 
 // Every "da" call answered locally, so the agent needs no network.
 ZelTest::ConfigDoc config(const ZelTest::TempDir& dir) {
@@ -22,8 +21,9 @@ ZelTest::ConfigDoc config(const ZelTest::TempDir& dir) {
 }
 
 ZelResult init(const ZelTest::ConfigDoc& document) {
-    return ZelInit(sample("identity.json").c_str(), document.text().c_str(),
-                   sample("device.json").c_str());
+    const std::string samples = std::string(ZEL_SOURCE_DIR) + "/samples/";
+    return ZelInit(ZelTest::ReadFile(samples + "identity.json").c_str(), document.text().c_str(),
+                   ZelTest::ReadFile(samples + "device.json").c_str());
 }
 
 void stop() {
@@ -68,6 +68,33 @@ TEST(ZelCore, HostSeveritiesMapOntoTheAgentsFromTraceToFatal) {
     EXPECT_EQ(std::vector<std::string>{"five is fatal 5"}, fatal.messages());
     EXPECT_EQ(1u, trace.count("four is an error"));
     EXPECT_EQ(1u, trace.count("zero is trace"));
-    EXPECT_EQ(0u, trace.count("six is nothing"));
     EXPECT_EQ(1u, trace.count("ZelLogMessage() called with bad severity value"));
+}
+
+TEST(ZelCore, EveryEntryPointTracesUnderItsOwnName) {
+    ZelTest::TempDir dir;
+    ASSERT_EQ(ZelResultSuccess,
+              init(config(dir).logger(ZelTest::LoggerElement(
+                  "file", dir.file("medium.log"), "medium", ZelTest::EveryFilter("debug")))));
+    ZelSetOemMsg("oem");
+    ZelEnableTestMode();
+    ZelLogMessage(2, "host");
+    ZelStatus status{};
+    ZelGetStatus(ZelStatusMethodNow, &status);
+    ZelFreeStatus(&status);
+    stop();
+    // The medium format writes the function's name and "()" before the message.
+    std::set<std::string> entered;
+    std::istringstream lines(ZelTest::ReadFile(dir.file("medium.log")));
+    for (std::string line; std::getline(lines, line);) {
+        size_t at = line.find("() ");
+        if (line.find("Function Enter") != std::string::npos && at != std::string::npos) {
+            entered.insert(line.substr(line.rfind(' ', at) + 1, at - line.rfind(' ', at) + 1));
+        }
+    }
+    for (const char* name : {"ZelSetOemMsg()", "ZelEnableTestMode()", "ZelLogMessage()",
+                             "ZelGetStatus()", "ZelFreeStatus()", "ZelTerm()"}) {
+        EXPECT_EQ(1u, entered.count(name)) << name;
+    }
+    EXPECT_EQ(0u, entered.count("operator()"));
 }

@@ -38,8 +38,6 @@ std::string documentWith(const std::string& field, const std::string& value) {
 }
 
 TEST(ProductIdentityTest, DocumentsAndWhatTheyGive) {
-    std::string wrapped = Base64Util::Encode(kCert);
-    wrapped.insert(20, "\n");  // as a PEM-minded tool writes it
     const struct {
         const char* name;
         std::string text;
@@ -49,16 +47,11 @@ TEST(ProductIdentityTest, DocumentsAndWhatTheyGive) {
         std::string logged;
     } rows[] = {
         {"every field", documentWith("", ""), true, kCert, kKey, ""},
-        {"wrapped base64", documentWith("cert", wrapped), true, kCert, kKey, ""},
-        {"a missing field", documentWith("key", ""), true, kCert, "", ""},
         {"bad base64 in the key", documentWith("key", "c2VjcmV0*!garbage"), false, kCert, "",
          "Identity value \"key\" is not valid base64"},
         {"bad base64 in the certificate", documentWith("cert", "c2VjcmV0*!garbage"), false, "",
          kKey, "Identity value \"cert\" is not valid base64"},
-        {"a truncated quantum", documentWith("trust", Base64Util::Encode(kTrust).substr(0, 5)),
-         false, kCert, kKey, "Identity value \"trust\" is not valid base64"},
         {"not JSON", "not json", false, "", "", ""},
-        {"not an object", "[]", false, "", "", ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -72,7 +65,7 @@ TEST(ProductIdentityTest, DocumentsAndWhatTheyGive) {
         }
         if (!row.logged.empty()) {
             EXPECT_FALSE(identity.isValid());
-            EXPECT_TRUE(capture.contains(row.logged));
+            EXPECT_EQ(1u, capture.count(row.logged));
         }
         // What is in a secret field never reaches the log.
         for (const std::string& line : capture.messages()) {
