@@ -47,6 +47,17 @@ const Json::Value& nullValue() {
     return *null;
 }
 
+// Converts only when `fits` says jsoncpp can do it without throwing.
+template <typename T, typename Converted>
+bool convertIf(const Json::Value& value, T& out, bool (Json::Value::*fits)() const,
+               Converted (Json::Value::*convert)() const) {
+    if (!(value.*fits)()) {
+        return false;
+    }
+    out = static_cast<T>((value.*convert)());
+    return true;
+}
+
 void refuseMember(const char* key, const char* what) {
     ZEL_LOG(ServiceCore, CategoryState, SeverityWarning, "Value of \"%s\" ignored: %s", key, what);
 }
@@ -117,36 +128,20 @@ const Json::Value& JsonUtil::Member(const Json::Value& object, const char* key) 
 }
 
 bool JsonUtil::GetBool(const Json::Value& value, bool& out) {
-    if (!value.isBool()) {
-        return false;
-    }
-    out = value.asBool();
-    return true;
+    return convertIf(value, out, &Json::Value::isBool, &Json::Value::asBool);
 }
 
+// isUInt() and isInt64() are true only for integral values that fit, reals included.
 bool JsonUtil::GetUInt32(const Json::Value& value, uint32_t& out) {
-    // isUInt() is true only for integral values that fit, reals included.
-    if (!value.isUInt()) {
-        return false;
-    }
-    out = value.asUInt();
-    return true;
+    return convertIf(value, out, &Json::Value::isUInt, &Json::Value::asUInt);
 }
 
 bool JsonUtil::GetInt64(const Json::Value& value, int64_t& out) {
-    if (!value.isInt64()) {
-        return false;
-    }
-    out = value.asInt64();
-    return true;
+    return convertIf(value, out, &Json::Value::isInt64, &Json::Value::asInt64);
 }
 
 bool JsonUtil::GetDouble(const Json::Value& value, double& out) {
-    if (!value.isNumeric()) {
-        return false;
-    }
-    out = value.asDouble();
-    return true;
+    return convertIf(value, out, &Json::Value::isNumeric, &Json::Value::asDouble);
 }
 
 bool JsonUtil::GetString(const Json::Value& value, std::string& out) {
