@@ -68,7 +68,8 @@ bool FaultPlan::add(const Json::Value& fields, std::string& error) {
     fault.path = fields["path"].asString();
     const Json::Value& count = fields["count"];
     if (!count.isNull()) {
-        if (!count.isIntegral() || count.asInt64() < 0) {
+        // isUInt() and isInt64() hold only for values that convert without throwing.
+        if (!count.isUInt()) {
             error = "\"count\" must be a non-negative integer";
             return false;
         }
@@ -91,12 +92,14 @@ bool FaultPlan::add(const Json::Value& fields, std::string& error) {
         // With a body the status is the body's own, not a fault of its own.
         f.kind = hasBody ? Kind::Body : Kind::Status;
         f.status = status.asInt();
-        f.body = fields["body"].asString();
+        if (hasBody) {
+            f.body = fields["body"].asString();
+        }
         faults.push_back(f);
     }
     if (fields.isMember("delayMs")) {
         const Json::Value& delay = fields["delayMs"];
-        if (!delay.isIntegral() || delay.asInt64() < 0) {
+        if (!delay.isInt64() || delay.asInt64() < 0) {
             error = "\"delayMs\" must be a non-negative integer";
             return false;
         }

@@ -44,6 +44,12 @@ TEST(CloudTest, FaultsApplyToTheirPathForTheirCount) {
         }
         EXPECT_TRUE(ZelTest::ParseJson(post(row.call, token).body).isObject());
     }
+    // Numbers beyond what the plan holds are refused, not thrown about.
+    for (const char* bad : {R"({"path": "x", "count": 4294967296})",
+                            R"({"path": "x", "delayMs": 9223372036854775808})"}) {
+        std::string error;
+        EXPECT_FALSE(cloud.addFault(ZelTest::ParseJson(bad), error)) << bad;
+    }
 }
 
 }  // namespace
