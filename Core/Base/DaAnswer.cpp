@@ -76,6 +76,18 @@ const std::pair<const char*, BoolSetter> kBoolKeys[] = {
     {"daSupportViewEnabled", &PersistentValues::setDaSupportViewEnabled},
     {"suCheckForSoftwareUpdate", &PersistentValues::setSuCheckForSoftwareUpdate},
 };
+// Each key of `table` present with a readable value goes through its setter;
+// anything else keeps the current value.
+template <typename T, typename Table>
+void applyKeys(const Json::Value& answer, const Table& table, bool (*read)(const Json::Value&, T&),
+               PersistentValues& persistent) {
+    for (const auto& key : table) {
+        T value{};
+        if (read(JsonUtil::Member(answer, key.first), value)) {
+            (persistent.*key.second)(value);
+        }
+    }
+}
 }  // namespace
 
 bool DaAnswer::Apply(MicroService service, const std::string& body, PersistentValues& persistent,
@@ -125,24 +137,9 @@ void DaAnswer::applySynchronize(const Json::Value& answer, PersistentValues& per
     persistent.setSynchronized(synchronized);
     badSynchs = synchronized ? 0 : badSynchs + 1;
 
-    for (const auto& key : kUnsignedKeys) {
-        uint32_t value = 0;
-        if (JsonUtil::GetUInt32(JsonUtil::Member(answer, key.first), value)) {
-            (persistent.*key.second)(value);
-        }
-    }
-    for (const auto& key : kStringKeys) {
-        std::string value;
-        if (JsonUtil::GetString(JsonUtil::Member(answer, key.first), value)) {
-            (persistent.*key.second)(value);
-        }
-    }
-    for (const auto& key : kBoolKeys) {
-        bool value = false;
-        if (JsonUtil::GetBool(JsonUtil::Member(answer, key.first), value)) {
-            (persistent.*key.second)(value);
-        }
-    }
+    applyKeys<uint32_t>(answer, kUnsignedKeys, JsonUtil::GetUInt32, persistent);
+    applyKeys<std::string>(answer, kStringKeys, JsonUtil::GetString, persistent);
+    applyKeys<bool>(answer, kBoolKeys, JsonUtil::GetBool, persistent);
     std::string consent;
     if (JsonUtil::GetString(JsonUtil::Member(answer, "daConsentState"), consent)) {
         persistent.setDaConsentState(consent == "ConsentRequired" ? ConsentStateRequired

@@ -58,8 +58,13 @@ bool convertIf(const Json::Value& value, T& out, bool (Json::Value::*fits)() con
     return true;
 }
 
-void refuseMember(const char* key, const char* what) {
-    ZEL_LOG(ServiceCore, CategoryState, SeverityWarning, "Value of \"%s\" ignored: %s", key, what);
+// A missing member is silent; a present one that could not be read says why.
+bool readMember(const char* key, const Json::Value& value, bool read, const char* why) {
+    if (!read && !value.isNull()) {
+        ZEL_LOG(ServiceCore, CategoryState, SeverityWarning, "Value of \"%s\" ignored: %s", key,
+                why);
+    }
+    return read;
 }
 }  // namespace
 
@@ -179,38 +184,13 @@ bool JsonUtil::GetFlag(const Json::Value& value, bool& out) {
 
 bool JsonUtil::ReadString(const Json::Value& object, const char* key, std::string& field) {
     const Json::Value& value = Member(object, key);
-    if (value.isNull()) {
-        return false;
-    }
-    if (!GetText(value, field)) {
-        refuseMember(key, value.isString() ? "it holds a NUL character" : "not text");
-        return false;
-    }
-    return true;
+    return readMember(key, value, GetText(value, field),
+                      value.isString() ? "it holds a NUL character" : "not text");
 }
 
 bool JsonUtil::ReadBool(const Json::Value& object, const char* key, bool& field) {
     const Json::Value& value = Member(object, key);
-    if (value.isNull()) {
-        return false;
-    }
-    if (!GetFlag(value, field)) {
-        refuseMember(key, "not a boolean");
-        return false;
-    }
-    return true;
-}
-
-bool JsonUtil::ReadUInt32(const Json::Value& object, const char* key, uint32_t& field) {
-    const Json::Value& value = Member(object, key);
-    if (value.isNull()) {
-        return false;
-    }
-    if (!GetUInt32(value, field)) {
-        refuseMember(key, "not a 32-bit unsigned number");
-        return false;
-    }
-    return true;
+    return readMember(key, value, GetFlag(value, field), "not a boolean");
 }
 
 std::string JsonUtil::Compact(const Json::Value& value) {
