@@ -108,12 +108,7 @@ size_t HeaderCallback(char* data, size_t size, size_t count, void* user) {
 }
 
 bool Aborted(const Http::Request& request) {
-    if (request.abort != nullptr && request.abort->load()) {
-        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityInfo, "Aborting transfer of %s",
-                request.url.c_str());
-        return true;
-    }
-    return false;
+    return request.abort != nullptr && request.abort->load();
 }
 
 int ProgressCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
@@ -207,6 +202,11 @@ CURLcode Transfer(Http::Request& request) {
         }
     }
     curl_multi_remove_handle(multi, easy);
+    // One line whichever noticed the abort: this loop or the progress callback.
+    if (result == CURLE_ABORTED_BY_CALLBACK) {
+        ZEL_LOG(ServiceCore, CategoryWebservice, SeverityInfo, "Aborting transfer of %s",
+                request.url.c_str());
+    }
     return result;
 }
 
