@@ -28,13 +28,8 @@ TEST(DaAnswerTest, AnswersChangeOnlyWhatTheyMayAndRefuseWhatTheyCannotUse) {
         {"identity without token", GetDeviceIdentity, "{}", false, "old", true, 3150000, 2, 0},
         {"identity with empty token", GetDeviceIdentity, R"({"daGidToken": ""})", false, "old",
          true, 3150000, 2, 0},
-        {"identity with a token that is no text", GetDeviceIdentity, R"({"daGidToken": 5})", false,
-         "old", true, 3150000, 2, 0},
-        {"identity with a header in its token", GetDeviceIdentity,
-         "{\"daGidToken\": \"a\\r\\nX-Evil: 1\"}", false, "old", true, 3150000, 2, 0},
         {"not an object", SynchronizeCoreState, "[]", false, "old", true, 3150000, 2, 0},
         {"nested too deep", CheckForNotification, deep, false, "old", true, 3150000, 2, 0},
-        {"empty body", CheckForNotification, "", false, "old", true, 3150000, 2, 0},
         {"notification keeps the flag", CheckForNotification, R"({"daStateSynchronized": true})",
          true, "old", true, 3150000, 2, 0},
         {"notification takes the flag", CheckForNotification, R"({"daStateSynchronized": false})",
@@ -54,9 +49,6 @@ TEST(DaAnswerTest, AnswersChangeOnlyWhatTheyMayAndRefuseWhatTheyCannotUse) {
          R"({"daSynchronized": true, "daEvents": [5, {"id": 1}, {"event": 7},
              {"event": "a", "id": -1}, {"event": "b", "id": 1e30, "parameters": {"x": [1]}}]})",
          true, "old", true, 3150000, 0, 2},
-        {"events that are no list", SynchronizeCoreState,
-         R"({"daSynchronized": true, "daEvents": "startsvsession"})", true, "old", true, 3150000, 0,
-         0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

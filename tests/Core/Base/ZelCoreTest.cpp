@@ -52,38 +52,35 @@ TEST(ZelCore, ClockNotYetSetRefusesToStartAndLeavesNothingBehind) {
     EXPECT_EQ(ZelResultNotInitialized, ZelTerm());
 }
 
-TEST(ZelCore, HostSeveritiesMapOntoTheAgentsFromTraceToFatal) {
+// Host severities map onto the agent's from trace to fatal, and every entry
+// point traces under its own name.
+TEST(ZelCore, HostLogLinesAndEntryPointTraces) {
     ZelTest::TempDir dir;
-    // One log takes only "fatal" lines, the other everything.
+    // One log takes only "fatal" lines, one everything; the medium one writes
+    // the function's name and "()" before the message.
     ZelTest::LogFile fatal(dir.file("fatal.log"));
     ZelTest::LogFile trace(dir.file("trace.log"));
     ASSERT_EQ(ZelResultSuccess,
-              init(config(dir).logTo(trace.path(), "trace").logTo(fatal.path(), "fatal")));
+              init(config(dir)
+                       .logTo(trace.path(), "trace")
+                       .logTo(fatal.path(), "fatal")
+                       .logger(ZelTest::LoggerElement("file", dir.file("medium.log"), "medium",
+                                                      ZelTest::EveryFilter("debug")))));
     EXPECT_EQ(ZelResultSuccess, ZelLogMessage(5, "five is fatal %d", 5));
     EXPECT_EQ(ZelResultSuccess, ZelLogMessage(4, "four is an error"));
     EXPECT_EQ(ZelResultSuccess, ZelLogMessage(0, "zero is trace"));
     EXPECT_EQ(ZelResultBadArgument, ZelLogMessage(6, "six is nothing"));
+    ZelSetOemMsg("oem");
+    ZelEnableTestMode();
+    ZelStatus status{};
+    ZelGetStatus(ZelStatusMethodNow, &status);
+    ZelFreeStatus(&status);
     stop();
 
     EXPECT_EQ(std::vector<std::string>{"five is fatal 5"}, fatal.messages());
     EXPECT_EQ(1u, trace.count("four is an error"));
     EXPECT_EQ(1u, trace.count("zero is trace"));
     EXPECT_EQ(1u, trace.count("ZelLogMessage() called with bad severity value"));
-}
-
-TEST(ZelCore, EveryEntryPointTracesUnderItsOwnName) {
-    ZelTest::TempDir dir;
-    ASSERT_EQ(ZelResultSuccess,
-              init(config(dir).logger(ZelTest::LoggerElement(
-                  "file", dir.file("medium.log"), "medium", ZelTest::EveryFilter("debug")))));
-    ZelSetOemMsg("oem");
-    ZelEnableTestMode();
-    ZelLogMessage(2, "host");
-    ZelStatus status{};
-    ZelGetStatus(ZelStatusMethodNow, &status);
-    ZelFreeStatus(&status);
-    stop();
-    // The medium format writes the function's name and "()" before the message.
     std::set<std::string> entered;
     std::istringstream lines(ZelTest::ReadFile(dir.file("medium.log")));
     for (std::string line; std::getline(lines, line);) {
