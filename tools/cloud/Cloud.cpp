@@ -1,12 +1,14 @@
 #include "tools/cloud/Cloud.h"
 
 #include <json/writer.h>
+#include <strings.h>
 #include <sys/socket.h>
 
 #include <utility>
 
 #include "tools/cloud/ControlServer.h"
 #include "tools/cloud/DaService.h"
+#include "tools/cloud/SvService.h"
 #include "tools/cloud/TlsServer.h"
 
 namespace ZelCloud {
@@ -20,6 +22,27 @@ std::string Compact(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     return Json::writeString(builder, value);
+}
+
+// Every Authorization header among the wire header lines, in order; the
+// single header given apart when the lines are not known.
+std::vector<std::string> Authorizations(const std::vector<std::string>& headers,
+                                        const std::string& authorization) {
+    static const std::string kName = "authorization:";
+    std::vector<std::string> values;
+    for (const std::string& line : headers) {
+        if (line.size() >= kName.size() &&
+            strncasecmp(line.c_str(), kName.c_str(), kName.size()) == 0) {
+            size_t begin = line.find_first_not_of(" \t", kName.size());
+            size_t end = line.find_last_not_of(" \t");
+            values.push_back(begin == std::string::npos ? std::string()
+                                                        : line.substr(begin, end - begin + 1));
+        }
+    }
+    if (values.empty() && !authorization.empty()) {
+        values.push_back(authorization);
+    }
+    return values;
 }
 
 }  // namespace
@@ -42,6 +65,10 @@ void Cloud::registerServices() {
     auto da = std::make_unique<DaService>(devices_, settings_);
     da_ = da.get();
     addService(std::move(da));
+    auto sv = std::make_unique<SvService>(devices_, sessions_);
+    sv->setLongPollMs(options_.longPollMs);
+    sv_ = sv.get();
+    addService(std::move(sv));
 }
 
 void Cloud::addService(std::unique_ptr<Service> service) {
@@ -79,11 +106,16 @@ bool Cloud::start() {
             return;
         }
         res.status = answer.status;
-        res.set_content(answer.body, "application/json");
+        if (answer.status != 204) {
+            res.set_content(answer.body, "application/json");
+        }
     };
     // A device keeps its connection for as long as it likes, so a test knows
     // which connection a call goes over.
     http.set_keep_alive_max_count(1000000);
+    // Each long poll holds a worker, and so does every kept-alive connection
+    // between its requests: httplib's default pool of 8 runs out with a few devices.
+    http.new_task_queue = [] { return new httplib::ThreadPool(64); };
     http.Post(".*", handler);
     http.Get(".*", handler);
     http.Put(".*", handler);
@@ -117,6 +149,10 @@ void Cloud::stop() {
         stopping_ = true;
     }
     stopped_.notify_all();
+    // Held long polls first: the server waits for its handlers to return.
+    for (auto& service : services_) {
+        service.second->stop();
+    }
     server_->stop();
     if (control_) {
         control_->stop();
@@ -194,11 +230,12 @@ Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
         response.body["error"] = "no such service";
         response.note = "no such service";
     } else {
-        ServiceRequest request{method, rest, cn, authorization, body};
+        std::vector<std::string> authorizations = Authorizations(headers, authorization);
+        ServiceRequest request{method, rest, cn, authorization, body, authorizations};
         service->second->handle(request, response);
     }
     answer.status = response.status;
-    answer.body = Compact(response.body);
+    answer.body = response.status == 204 ? std::string() : Compact(response.body);
     record.status = response.status;
     record.note = fault.delayMs > 0 ? fault.describe() + ", " + response.note : response.note;
     log_.add(record);
@@ -256,6 +293,47 @@ void Cloud::setUnsynchronized(unsigned count) {
 
 bool Cloud::desynchronize(const std::string& device) {
     return devices_.desynchronize(device);
+}
+
+void Cloud::openSession(const std::string& device) {
+    queueEvent("startsvsession", Json::Value(), std::nullopt, device);
+}
+
+bool Cloud::queueTask(const Json::Value& requests, uint32_t& seqNum, std::string& error,
+                      const std::string& device) {
+    if (!requests.isArray()) {
+        error = "\"requests\" must be an array";
+        return false;
+    }
+    auto build = [&requests](const std::string& code, uint32_t number) {
+        return SvService::TaskDocument(code, number, requests);
+    };
+    return sessions_.queueTask(device, build, seqNum, error);
+}
+
+bool Cloud::queueRawTask(const std::string& text, uint32_t& seqNum, std::string& error,
+                         const std::string& device) {
+    auto build = [&text](const std::string&, uint32_t) { return text; };
+    return sessions_.queueTask(device, build, seqNum, error);
+}
+
+bool Cloud::waitForResults(size_t count, std::chrono::milliseconds timeout,
+                           const std::string& device) const {
+    return sessions_.waitFor(
+        [&](const Json::Value& sessions) {
+            size_t results = 0;
+            for (const Json::Value& session : sessions) {
+                if (device.empty() || session["device"].asString() == device) {
+                    results += session["results"].size();
+                }
+            }
+            return results >= count;
+        },
+        timeout);
+}
+
+void Cloud::setLongPollMs(long ms) {
+    sv_->setLongPollMs(ms);
 }
 
 std::optional<DeviceRegistry::Device> Cloud::device(const std::string& cn) const {

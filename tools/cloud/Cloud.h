@@ -19,11 +19,13 @@
 #include "tools/cloud/RecordedRequest.h"
 #include "tools/cloud/RequestLog.h"
 #include "tools/cloud/Service.h"
+#include "tools/cloud/SessionRegistry.h"
 
 namespace ZelCloud {
 
 class ControlServer;
 class DaService;
+class SvService;
 class TlsServer;
 
 struct CloudOptions {
@@ -32,6 +34,7 @@ struct CloudOptions {
     int controlPort = -1;  // -1: no control interface, 0: any free port
     bool quiet = false;    // no request lines on stdout
     Json::Value settings;  // initial operator settings (an object, or null)
+    long longPollMs = 10000;  // how long sv/command/get holds a call without a task
 };
 
 // A local stand-in for the maker's cloud: one TLS server on 127.0.0.1 that
@@ -86,6 +89,33 @@ public:
 
     void clearFaults() { faults_.clear(); }
 
+    // Remote support. Queues the "startsvsession" event, as queueEvent does.
+    void openSession(const std::string& device = "");
+    // Queues one task, {"SESSION_ID", "TASK_ID", "REQUESTS": requests}, for the
+    // device's active session; an empty device takes the active session opened
+    // last. False, with the reason, when there is none or requests is not an array.
+    bool queueTask(const Json::Value& requests, uint32_t& seqNum, std::string& error,
+                   const std::string& device = "");
+    // The same with the task request sent exactly as given, JSON or not.
+    bool queueRawTask(const std::string& text, uint32_t& seqNum, std::string& error,
+                      const std::string& device = "");
+    // Every session ever opened, with its tasks and results.
+    Json::Value sessions() const { return sessions_.toJson(); }
+    // The session queueTask would use, or null.
+    Json::Value activeSession(const std::string& device = "") const {
+        return sessions_.active(device);
+    }
+    // Waits until the device's sessions (every device's, when empty) hold count results.
+    bool waitForResults(size_t count, std::chrono::milliseconds timeout,
+                        const std::string& device = "") const;
+    // Waits until the predicate holds for sessions(); checked on every change, with
+    // the sessions locked, so the predicate must not call back into the cloud.
+    bool waitForSessions(const SessionRegistry::Predicate& predicate,
+                         std::chrono::milliseconds timeout) const {
+        return sessions_.waitFor(predicate, timeout);
+    }
+    void setLongPollMs(long ms);
+
     std::vector<RecordedRequest> requests() const { return log_.snapshot(); }
     void clearRequests() { log_.clear(); }
     Json::Value devices() const { return devices_.toJson(); }
@@ -111,8 +141,10 @@ private:
     FaultPlan faults_;
     CloudSettings settings_;
     DeviceRegistry devices_;
+    SessionRegistry sessions_;
     std::map<std::string, std::unique_ptr<Service>> services_;
     DaService* da_ = nullptr;
+    SvService* sv_ = nullptr;
 
     std::unique_ptr<TlsServer> server_;
     std::unique_ptr<ControlServer> control_;

@@ -20,6 +20,12 @@ Json::Value CloudSettings::Defaults() {
     keys["daStartupDelayVariedMs"] = 0;
     keys["dsStartupDelayFixedMs"] = 0;
     keys["dsStartupDelayVariedMs"] = 0;
+    // Remote support is on; a session idles out after a minute, a suspended
+    // one after three.
+    keys["daSupportViewEnabled"] = true;
+    keys["svActiveTimeoutMs"] = 60000;
+    keys["svPausedTimeoutMs"] = 180000;
+    keys["svLbrAwsDomain"] = "lab.zel.localhost";
     keys["suStagingConnectTimeoutMs"] = 10000;
     keys["suStagingMessageTimeoutMs"] = 20000;
     keys["suStagingRetryDelayFixedMs"] = 2000;

@@ -132,6 +132,50 @@ void ControlServer::route() {
     server.Get("/control/devices", [this](const httplib::Request&, httplib::Response& res) {
         Answer(res, 200, cloud_.devices());
     });
+    server.Post("/control/sessions", [this](const httplib::Request& req, httplib::Response& res) {
+        Json::Value body;
+        if (!ParseBody(req, res, body)) {
+            return;
+        }
+        if (!body["device"].isNull() && !body["device"].isString()) {
+            Fail(res, 400, "\"device\" must be a string");
+            return;
+        }
+        cloud_.openSession(body["device"].asString());
+        Ok(res);
+    });
+    server.Get("/control/sessions", [this](const httplib::Request&, httplib::Response& res) {
+        Answer(res, 200, cloud_.sessions());
+    });
+    server.Post("/control/tasks", [this](const httplib::Request& req, httplib::Response& res) {
+        Json::Value body;
+        if (!ParseBody(req, res, body)) {
+            return;
+        }
+        const Json::Value& device = body["device"];
+        const Json::Value& requests = body["requests"];
+        const Json::Value& raw = body["raw"];
+        if (!device.isNull() && !device.isString()) {
+            Fail(res, 400, "\"device\" must be a string");
+            return;
+        }
+        bool useRaw = raw.isString() && requests.isNull();
+        if (!useRaw && !(requests.isArray() && raw.isNull())) {
+            Fail(res, 400, "a task needs either \"requests\", an array, or \"raw\", a string");
+            return;
+        }
+        uint32_t seqNum = 0;
+        std::string error;
+        bool queued = useRaw ? cloud_.queueRawTask(raw.asString(), seqNum, error, device.asString())
+                             : cloud_.queueTask(requests, seqNum, error, device.asString());
+        if (!queued) {
+            Fail(res, 409, error);
+            return;
+        }
+        Json::Value answer(Json::objectValue);
+        answer["seqNum"] = seqNum;
+        Answer(res, 200, answer);
+    });
 }
 
 bool ControlServer::start(int port) {

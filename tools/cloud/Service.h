@@ -3,16 +3,20 @@
 #include <json/value.h>
 
 #include <string>
+#include <vector>
 
 namespace ZelCloud {
 
 // One call to a micro-service, already stripped of "/api/v1/<service>/".
 struct ServiceRequest {
     std::string method;
-    std::string path;  // "state", "command/get", ...
-    std::string cn;    // common name of the client certificate
-    std::string authorization;
+    std::string path;           // "state", "command/get", ...
+    std::string cn;             // common name of the client certificate
+    std::string authorization;  // the first Authorization header
     std::string body;
+    // Every Authorization header in the order sent: the sv calls carry the
+    // session token in a second one.
+    std::vector<std::string> authorizations;
 };
 
 struct ServiceResponse {
@@ -28,6 +32,8 @@ public:
     virtual ~Service() = default;
     virtual std::string name() const = 0;
     virtual void handle(const ServiceRequest& request, ServiceResponse& response) = 0;
+    // The cloud is stopping: answer whatever is being held open, at once.
+    virtual void stop() {}
 };
 
 }  // namespace ZelCloud

@@ -17,7 +17,7 @@ namespace {
 void Usage() {
     fprintf(stderr,
             "usage: zel-cloud --pki DIR [--port N] [--control-port N] [--settings FILE.json]\n"
-            "                 [--duration SECONDS] [--quiet]\n");
+            "                 [--long-poll-ms N] [--duration SECONDS] [--quiet]\n");
 }
 
 bool ParseNumber(const char* text, long min, long max, long& value) {
@@ -68,6 +68,10 @@ int main(int argc, char** argv) {
         } else if (arg == "--duration" && hasValue &&
                    ParseNumber(argv[i + 1], 1, 365L * 24 * 3600, number)) {
             duration = number;
+            ++i;
+        } else if (arg == "--long-poll-ms" && hasValue &&
+                   ParseNumber(argv[i + 1], 0, 3600L * 1000, number)) {
+            options.longPollMs = number;
             ++i;
         } else if (arg == "--quiet") {
             options.quiet = true;
