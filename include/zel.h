@@ -42,6 +42,18 @@ typedef uint32_t ZelStatusMethod;
 #define ZelStatusMethodNow 0u
 #define ZelStatusMethodWaitForChange 1u
 
+/* Remote-support session state as reported in ZelStatus.sessionState. */
+typedef uint32_t ZelSessionState;
+#define ZelSessionStateInitializing 0u
+#define ZelSessionStateTerminating 1u
+#define ZelSessionStateSuspending 2u
+#define ZelSessionStateResuming 3u
+#define ZelSessionStateReady 4u
+#define ZelSessionStateJoined 5u
+#define ZelSessionStateNone 6u
+#define ZelSessionStateDisabled 7u
+#define ZelSessionStateUnsupported 8u
+
 /* Consent state as reported in ZelStatus.consentState. */
 #define ZelConsentStateUnsupported 5u
 
@@ -102,6 +114,17 @@ ZEL_API ZelResult ZelLogMessage(uint32_t severity, const char* format, ...)
     __attribute__((format(printf, 2, 3)))
 #endif
     ;
+
+/* Opens a remote-support session with the configured number of code digits;
+ * allowSessionCodeBypass is 0 or 1. The code appears in ZelStatus.sessionInfo. */
+ZEL_API ZelResult ZelSessionInit(uint32_t allowSessionCodeBypass);
+
+/* The same with a session code of sessionCodeDigits digits (4 to 16). */
+ZEL_API ZelResult ZelSessionInitCodeDigits(uint32_t allowSessionCodeBypass,
+                                           uint32_t sessionCodeDigits);
+
+/* Ends the remote-support session. */
+ZEL_API ZelResult ZelSessionTerm(void);
 
 #ifdef __cplusplus
 }

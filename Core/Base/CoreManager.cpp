@@ -16,6 +16,7 @@
 #include "Core/Platform/TimeManager.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
+#include "SupportView/Base/SupportViewManager.h"
 #include "zel.h"
 
 namespace Zel {
@@ -61,7 +62,9 @@ CoreManager& CoreManager::Instance() {
 }
 
 // Services start in this order and stop in the same order.
-CoreManager::CoreManager() : statusSem_(false, CoreMutex()), managers_{&EventManager::Instance()} {}
+CoreManager::CoreManager()
+    : statusSem_(false, CoreMutex()),
+      managers_{&EventManager::Instance(), &Sv::SupportViewManager::Instance()} {}
 
 unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
     KeepOpenSslPastExit();

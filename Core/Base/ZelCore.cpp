@@ -8,6 +8,7 @@
 #include "Core/Platform/FunctionTrace.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/StringUtil.h"
+#include "SupportView/Base/SupportViewManager.h"
 #include "zel.h"
 
 using Zel::Core::CoreManager;
@@ -33,6 +34,11 @@ ZelResult guarded(const char* function, int line, Body body) {
         ZEL_LOG(ServiceCore, CategoryClibapi, SeverityFatal, "%s() failed: %s", function, what);
     } catch (...) {
     }
+    return ZelResultBadArgument;
+}
+
+ZelResult warnBadArgument(const char* message) {
+    ZEL_LOG(ServiceSv, CategoryClibapi, SeverityWarning, "%s", message);
     return ZelResultBadArgument;
 }
 
@@ -155,6 +161,41 @@ ZEL_API ZelResult ZelLogMessage(uint32_t severity, const char* format, ...) {
             return ZelResultBadArgument;
         }
         return CoreManager::Instance().supervisorLog(6 - severity, text);
+    });
+}
+
+ZEL_API ZelResult ZelSessionInit(uint32_t allowSessionCodeBypass) {
+    return guarded("ZelSessionInit", __LINE__, [&] {
+        ZEL_LOG(ServiceSv, CategoryClibapi, SeverityInfo, "ZelSessionInit() called");
+        if (allowSessionCodeBypass > 1) {
+            return warnBadArgument("ZelSessionInit() called with bad allowSessionCodeBypass value");
+        }
+        return Zel::Sv::SupportViewManager::Instance().sessionInitialize(allowSessionCodeBypass ==
+                                                                         1);
+    });
+}
+
+ZEL_API ZelResult ZelSessionInitCodeDigits(uint32_t allowSessionCodeBypass,
+                                           uint32_t sessionCodeDigits) {
+    return guarded("ZelSessionInitCodeDigits", __LINE__, [&] {
+        if (allowSessionCodeBypass > 1) {
+            return warnBadArgument(
+                "ZelSessionInitCodeDigits() called with bad allowSessionCodeBypass value");
+        }
+        if (sessionCodeDigits < 4 || sessionCodeDigits > 16) {
+            return warnBadArgument(
+                "ZelSessionInitCodeDigits() called with bad sessionCodeDigits value");
+        }
+        ZEL_LOG(ServiceSv, CategoryClibapi, SeverityInfo, "ZelSessionInitCodeDigits() called");
+        return Zel::Sv::SupportViewManager::Instance().sessionInitialize(
+            allowSessionCodeBypass == 1, sessionCodeDigits);
+    });
+}
+
+ZEL_API ZelResult ZelSessionTerm(void) {
+    return guarded("ZelSessionTerm", __LINE__, [&] {
+        ZEL_LOG(ServiceSv, CategoryClibapi, SeverityInfo, "ZelSessionTerm() called");
+        return Zel::Sv::SupportViewManager::Instance().sessionTerminate();
     });
 }
 

@@ -193,6 +193,11 @@ bool JsonUtil::ReadBool(const Json::Value& object, const char* key, bool& field)
     return readMember(key, value, GetFlag(value, field), "not a boolean");
 }
 
+bool JsonUtil::ReadUInt32(const Json::Value& object, const char* key, uint32_t& field) {
+    const Json::Value& value = Member(object, key);
+    return readMember(key, value, GetUInt32(value, field), "not an unsigned 32-bit number");
+}
+
 std::string JsonUtil::Compact(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";

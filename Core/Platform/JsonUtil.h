@@ -51,6 +51,7 @@ public:
     // key. ReadString and ReadBool take the lenient forms.
     static bool ReadString(const Json::Value& object, const char* key, std::string& field);
     static bool ReadBool(const Json::Value& object, const char* key, bool& field);
+    static bool ReadUInt32(const Json::Value& object, const char* key, uint32_t& field);
 
     // One line, no indentation and no trailing newline.
     static std::string Compact(const Json::Value& value);

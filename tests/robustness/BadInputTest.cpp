@@ -309,6 +309,53 @@ TEST(BadInput, PersistedFiles) {
     }
 }
 
+// Remote-support answers and the session file. Each case opens a session
+// against a cloud that answers one sv call with the bad body; the agent must
+// go on polling and stop as usual.
+TEST(BadInput, SessionAnswersAndFiles) {
+    struct Case {
+        std::string name, path, body;
+    };
+    const std::string deepTask = R"({"seqNum": 1, "taskRequest": ")" + Nested(100000) + "\"}";
+    const std::string bigTask =
+        R"({"seqNum": 1, "taskRequest": "{\"PAD\": \")" + std::string(3 << 20, 'a') + "\\\"}\"}";
+    const std::vector<Case> cases = {
+        {"initialize nested 100000 deep", "sv/session/initialize", Nested(100000)},
+        {"initialize with a header in the token", "sv/session/initialize",
+         R"({"sessionCode": "1234", "sessionToken": "t\r\nX-Evil: 1"})"},
+        {"get nested 100000 deep", "sv/command/get", Nested(100000)},
+        {"task request nested 100000 deep", "sv/command/get", deepTask},
+        {"task request of 3 MiB", "sv/command/get", bigTask},
+        {"task request with odd requests", "sv/command/get",
+         R"({"seqNum": 1, "taskRequest": "{\"REQUESTS\": [5, {\"COMMAND\": []}, {\"COMMAND\": {\"NAME\": {}}}]}"})"},
+        {"session file nested 100000 deep", "session", Nested(100000)},
+    };
+    for (const Case& c : cases) {
+        RunCase(c.name, [&] {
+            AgentLab lab;
+            Probe first(lab);
+            ASSERT_NO_FATAL_FAILURE(RunNormally(first, lab));
+            if (c.path == "session") {
+                std::string bad = lab.persistentDir() + "/session_0_" +
+                                  Zel::Core::FileUtil::calcMd5Hash(c.body.data(), c.body.size());
+                ZelTest::WriteFile(bad, c.body);
+            } else {
+                lab.cloud().addFault({c.path, FaultPlan::Kind::Body, 200, 0, c.body, 1u});
+            }
+            Probe probe(lab);
+            size_t polls = NormalPolls(lab.cloud().requests());
+            ASSERT_EQ(0, probe.initGood());
+            ASSERT_TRUE(WaitForNormalPolls(lab, polls + 1));
+            if (c.path != "session") {
+                EXPECT_THAT(probe.ask("session"), StartsWith("session 0"));
+                EXPECT_TRUE(lab.waitFor(PolledAfterFault)) << "no normal poll after the fault";
+            }
+            EXPECT_LE(0, probe.stop());
+            RunNormally(probe, lab);
+        });
+    }
+}
+
 TEST(BadInput, NulInThePersistentPath) {
     AgentLab lab;
     ZelTest::TempDir outside;

@@ -1,8 +1,8 @@
 // A stand-in for the firmware that sees nothing but zel.h: runs in the
 // directory given as its argument and answers each command on stdin with one
 // line on stdout: "init IDENTITY CONFIG DEVICE" (files), "term",
-// "factory-reset", "factory-reset-offline CONFIG", "status", "oem TEXT"
-// and "wait-state N", which answers "state N <ms since the last
+// "factory-reset", "factory-reset-offline CONFIG", "status", "oem TEXT",
+// "session" (ZelSessionInit(0)) and "wait-state N", which answers "state N <ms since the last
 // term or factory-reset>". "exit" and the end of stdin return from main at
 // once, whatever the agent is doing, as a host may.
 #include <sys/resource.h>
@@ -72,6 +72,8 @@ int main(int argc, char** argv) {
             result = ZelFactoryResetOffline(readFile(a).c_str());
         } else if (command == "oem") {
             result = ZelSetOemMsg(line.substr(line.find(' ') + 1).c_str());
+        } else if (command == "session") {
+            result = ZelSessionInit(0);
         } else if (command == "status") {
             result = currentState();
         } else if (command == "wait-state") {

@@ -93,10 +93,35 @@ uint32_t AgentLab::state() const {
     return state;
 }
 
+uint32_t AgentLab::sessionState() const {
+    ZelStatus status{};
+    ZelGetStatus(ZelStatusMethodNow, &status);
+    uint32_t state = status.sessionState;
+    ZelFreeStatus(&status);
+    return state;
+}
+
+std::string AgentLab::sessionInfo() const {
+    ZelStatus status{};
+    ZelGetStatus(ZelStatusMethodNow, &status);
+    std::string info = status.sessionInfo != nullptr ? status.sessionInfo : "";
+    ZelFreeStatus(&status);
+    return info;
+}
+
 bool AgentLab::waitForState(uint32_t wanted, std::chrono::milliseconds timeout) {
+    return waitForStatus([this, wanted] { return state() == wanted; }, timeout);
+}
+
+bool AgentLab::waitForSessionState(uint32_t wanted, std::chrono::milliseconds timeout) {
+    return waitForStatus([this, wanted] { return sessionState() == wanted; }, timeout);
+}
+
+bool AgentLab::waitForStatus(const std::function<bool()>& reached,
+                             std::chrono::milliseconds timeout) {
     // ZelGetStatus(1) has no time limit of its own: wait on a helper thread.
-    auto waiter = std::async(std::launch::async, [this, wanted] {
-        while (state() != wanted) {
+    auto waiter = std::async(std::launch::async, [&reached] {
+        while (!reached()) {
             ZelStatus status{};
             ZelGetStatus(ZelStatusMethodWaitForChange, &status);
             ZelFreeStatus(&status);
@@ -106,7 +131,7 @@ bool AgentLab::waitForState(uint32_t wanted, std::chrono::milliseconds timeout) 
         return true;
     }
     // The waiter can never be joined now; a hung agent is fatal for the binary.
-    std::fprintf(stderr, "agent never reached state %u\n", wanted);
+    std::fprintf(stderr, "the agent's status never got where the test waited for\n");
     Pki::RemoveAll();
     std::_Exit(3);
 }

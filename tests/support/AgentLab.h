@@ -54,6 +54,11 @@ public:
     bool term();
     bool waitForState(uint32_t state, std::chrono::milliseconds timeout = kPatience);
     uint32_t state() const;
+    // Waits until the status's session state is `sessionState`.
+    bool waitForSessionState(uint32_t sessionState, std::chrono::milliseconds timeout = kPatience);
+    uint32_t sessionState() const;
+    // The session code the status shows; "" when it shows none.
+    std::string sessionInfo() const;
 
     bool waitFor(const ZelCloud::RequestLog::Predicate& predicate) {
         return cloud_->waitFor(predicate, kPatience);
@@ -73,6 +78,8 @@ public:
     }
 
 private:
+    bool waitForStatus(const std::function<bool()>& reached, std::chrono::milliseconds timeout);
+
     TempDir dir_;
     LogFile log_;
     std::unique_ptr<ZelCloud::Cloud> cloud_;

@@ -50,6 +50,12 @@ ConfigDoc& ConfigDoc::core(const std::string& key, const Json::Value& value) {
     return *this;
 }
 
+ConfigDoc& ConfigDoc::set(const std::string& section, const std::string& key,
+                          const Json::Value& value) {
+    doc_[section][key] = value;
+    return *this;
+}
+
 ConfigDoc& ConfigDoc::logTo(const std::string& path, const std::string& severity) {
     return logger(LoggerElement("file", path, "long", EveryFilter(severity)));
 }

@@ -21,6 +21,8 @@ public:
     // "persistentPath" and "temporaryPath".
     ConfigDoc& dirs(const std::string& path);
     ConfigDoc& core(const std::string& key, const Json::Value& value);
+    // Any other section's key, "supportView" say.
+    ConfigDoc& set(const std::string& section, const std::string& key, const Json::Value& value);
     // Every record up to `severity` into the file at `path`, in the long format.
     ConfigDoc& logTo(const std::string& path, const std::string& severity = "debug");
     ConfigDoc& logger(const Json::Value& element);

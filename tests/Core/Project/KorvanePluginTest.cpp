@@ -8,6 +8,8 @@
 #include "Core/Platform/JsonUtil.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
+#include "SupportView/Base/CommandExecutor.h"
+#include "SupportView/Base/CommandManager.h"
 #include "support/LogCapture.h"
 #include "support/Pki.h"
 
@@ -67,6 +69,39 @@ TEST(KorvanePluginTest, MissingPartsAreLoggedAndSurvived) {
     ZelTest::WriteFile(dir.file("libbroken.so"), "not an ELF file");
     EXPECT_FALSE(KorvanePlugin(dir.file("libbroken.so")).isLoaded());
     EXPECT_NE("", capture.find("can't dlopen : " + dir.file("libbroken.so")));
+}
+
+// Outputs[0]["DATA"] of one command run through the framework.
+Json::Value runCommand(const char* name, const Json::Value& inputs, unsigned& result) {
+    Json::Value request;
+    request["COMMAND"]["NAME"] = name;
+    request["INPUTS"] = inputs;
+    Json::Value response;
+    Zel::Sv::CommandExecutor::processCommand(request, response);
+    result = response["RESULT"].asUInt();
+    return response["OUTPUTS"][0]["DATA"];
+}
+
+TEST(KorvanePluginTest, SampleAddsOneCommandAndReplacesOne) {
+    LogCapture capture;
+    Zel::Sv::CommandManager& manager = Zel::Sv::CommandManager::Instance();
+    manager.initialize("FFFFFF0ACC", "zel.localhost", "id", "model", "brand", "esn", "mac", "1");
+    EXPECT_NE("", capture.find("FFFFFF_LIVE_SUPPORT_CHECK_FOR_UPDATES replaced by korvane\n"));
+    EXPECT_NE("", capture.find("KORVANE_SAMPLE_ECHO added by korvane\n"));
+
+    unsigned result = 99;
+    EXPECT_FALSE(runCommand("FFFFFF_LIVE_SUPPORT_CHECK_FOR_UPDATES", Json::Value(Json::objectValue),
+                            result)["SOFTWARE_CURRENT_FLAG"]
+                     .asBool());
+    EXPECT_EQ(0u, result);
+    Json::Value inputs;
+    inputs["say"] = "hello";
+    EXPECT_EQ(inputs, runCommand("KORVANE_SAMPLE_ECHO", inputs, result)["ECHO"]);
+    EXPECT_EQ(0u, result);
+    EXPECT_EQ(10u, manager.find("KORVANE_SAMPLE_ECHO")->timeToComplete());
+    // The built-in commands the plug-in leaves alone stay.
+    EXPECT_TRUE(manager.find("FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO"));
+    manager.terminate();
 }
 
 }  // namespace
