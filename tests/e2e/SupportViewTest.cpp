@@ -127,6 +127,14 @@ void registerGate(Gate& which) {
             Zel::Sv::CommandTraits{kGateWait, 3, 0, 100000, Zel::Sv::CommandOperationExecute}));
 }
 
+// A session whose first task is held in the gate.
+void openWithHeldTask(AgentLab& lab, Gate& held) {
+    registerGate(held);
+    open(lab);
+    queue(lab, batch({command(kGateWait)}));
+    ASSERT_TRUE(held.waitEntered(1));
+}
+
 std::vector<std::string> authorizations(const RecordedRequest& request) {
     std::vector<std::string> found;
     for (const std::string& header : request.headers) {
@@ -219,10 +227,7 @@ TEST_F(SupportView, PublicCallsCheckTheirArguments) {
 TEST_F(SupportView, TasksRunAtOnceAndPostInCompletionOrder) {
     AgentLab& lab = started(fastSv());
     Gate held;
-    registerGate(held);
-    open(lab);
-    queue(lab, batch({command(kGateWait)}));
-    ASSERT_TRUE(held.waitEntered(1));
+    ASSERT_NO_FATAL_FAILURE(openWithHeldTask(lab, held));
     queue(lab, batch({command("FFFFFF_LIVE_SUPPORT_COMMAND_GET_AVAILABLE_LOCALES")}));
     ASSERT_TRUE(lab.cloud().waitForResults(1, AgentLab::kPatience));
     held.release();
@@ -370,10 +375,7 @@ TEST_F(SupportView, StopIsPromptDuringALongPoll) {
 TEST_F(SupportView, StopDuringASlowCommandLeavesTheCommandAlive) {
     AgentLab& lab = started(fastSv());
     Gate held;
-    registerGate(held);
-    open(lab);
-    queue(lab, batch({command(kGateWait)}));
-    ASSERT_TRUE(held.waitEntered(1));
+    ASSERT_NO_FATAL_FAILURE(openWithHeldTask(lab, held));
     Clock::time_point start = Clock::now();
     ASSERT_TRUE(lab.term());
     auto micros =

@@ -1,29 +1,6 @@
 #include "tools/cloud/DaService.h"
 
-#include <json/reader.h>
-
-#include <memory>
-
 namespace ZelCloud {
-
-namespace {
-
-bool ParseObject(const std::string& text, Json::Value& value) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &value, &errors) &&
-           value.isObject();
-}
-
-void Refuse(ServiceResponse& response, int status, const std::string& why) {
-    response.status = status;
-    response.body = Json::Value(Json::objectValue);
-    response.body["error"] = why;
-    response.note = why;
-}
-
-}  // namespace
 
 DaService::DaService(DeviceRegistry& devices, CloudSettings& settings)
     : devices_(devices), settings_(settings) {}
@@ -34,17 +11,8 @@ void DaService::setUnsynchronized(unsigned count) {
 }
 
 void DaService::handle(const ServiceRequest& request, ServiceResponse& response) {
-    if (request.path != "gidtoken" && request.path != "state" && request.path != "notification") {
-        Refuse(response, 404, "no such call");
-        return;
-    }
-    if (request.method != "POST") {
-        Refuse(response, 405, "POST only");
-        return;
-    }
     Json::Value body;
-    if (!ParseObject(request.body, body)) {
-        Refuse(response, 400, "body is not a JSON object");
+    if (!ReadCall(request, {"gidtoken", "state", "notification"}, body, response)) {
         return;
     }
     if (request.path == "gidtoken") {

@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,15 @@ struct ServiceResponse {
     Json::Value body{Json::objectValue};
     std::string note;  // a few words for the request log
 };
+
+// A body that parses as a JSON object; false for anything else.
+bool ParseObject(const std::string& text, Json::Value& value);
+// Answers `status` with {"error": why}.
+void Refuse(ServiceResponse& response, int status, const std::string& why);
+// The checks every call of a service starts with: a path among `calls`
+// (404), POST (405) and a JSON object body (400). False once refused.
+bool ReadCall(const ServiceRequest& request, std::initializer_list<const char*> calls,
+              Json::Value& body, ServiceResponse& response);
 
 // A micro-service of the cloud ("da", "sv", ...). Each one is a class of its own,
 // registered by name in Cloud::registerServices.

@@ -1,34 +1,13 @@
 #include "tools/cloud/SvService.h"
 
-#include <json/reader.h>
 #include <json/writer.h>
 
-#include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <memory>
 
 namespace ZelCloud {
 
 namespace {
-
-constexpr const char* kCalls[] = {"session/initialize", "session/terminate", "session/suspend",
-                                  "session/resume",     "command/get",       "command/put"};
-
-bool ParseObject(const std::string& text, Json::Value& value) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &value, &errors) &&
-           value.isObject();
-}
-
-void Refuse(ServiceResponse& response, int status, const std::string& why) {
-    response.status = status;
-    response.body = Json::Value(Json::objectValue);
-    response.body["error"] = why;
-    response.note = why;
-}
 
 // 204 goes without a body.
 void NoTask(ServiceResponse& response, const char* note) {
@@ -74,17 +53,11 @@ std::string SvService::TaskDocument(const std::string& code, uint32_t seqNum,
 
 void SvService::handle(const ServiceRequest& request, ServiceResponse& response) {
     const std::string& path = request.path;
-    if (std::find(std::begin(kCalls), std::end(kCalls), path) == std::end(kCalls)) {
-        Refuse(response, 404, "no such call");
-        return;
-    }
-    if (request.method != "POST") {
-        Refuse(response, 405, "POST only");
-        return;
-    }
     Json::Value body;
-    if (!ParseObject(request.body, body)) {
-        Refuse(response, 400, "body is not a JSON object");
+    if (!ReadCall(request,
+                  {"session/initialize", "session/terminate", "session/suspend", "session/resume",
+                   "command/get", "command/put"},
+                  body, response)) {
         return;
     }
     // The first Authorization header is the gid token, the second the session token.

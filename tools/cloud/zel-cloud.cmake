@@ -9,6 +9,7 @@ add_library(zel_cloud STATIC
   ${CMAKE_CURRENT_LIST_DIR}/FaultPlan.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RecordedRequest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RequestLog.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/Service.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SessionRegistry.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SvService.cpp)
 target_include_directories(zel_cloud PUBLIC ${CMAKE_SOURCE_DIR})
