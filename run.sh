@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, makes a fresh throw-away PKI, starts the
 # local cloud on loopback and runs zel-host against it for ZEL_RUN_SECONDS
-# (default 30) or until Ctrl-C.
+# (default 30) or until Ctrl-C. zel-host opens a remote-support session; a
+# demo in the background runs a few commands in it through the cloud's
+# control interface, prints their answers and closes the session again.
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
 "$root/scripts/setup.sh"
@@ -13,13 +15,111 @@ port=${ZEL_CLOUD_PORT:-18443}
 control=${ZEL_CONTROL_PORT:-18080}
 lab=$(mktemp -d /tmp/zel-lab.XXXXXX)
 cloud_pid=
+demo_pid=
 cleanup() {
+  [ -z "$demo_pid" ] || kill "$demo_pid" 2>/dev/null || true
+  [ -z "$demo_pid" ] || wait "$demo_pid" 2>/dev/null || true
   [ -z "$cloud_pid" ] || kill "$cloud_pid" 2>/dev/null || true
   [ -z "$cloud_pid" ] || wait "$cloud_pid" 2>/dev/null || true
   rm -rf "$lab"
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
+
+# Prints a task's answer from GET /control/sessions (stdin), one block written
+# at once so that the agent's log lines do not cut through it. Exits 1 while
+# the session (argv[1], its code) has no result for the task (argv[2]) yet.
+read -r -d '' show_result <<'PYTHON' || true
+import json, os, sys
+code, seq = sys.argv[1], int(sys.argv[2])
+results = [r for s in json.load(sys.stdin) if s.get("code") == code
+           for r in s.get("results", []) if r.get("taskSeqNum") == seq]
+if not results:
+    sys.exit(1)
+document = results[-1].get("document")
+if not isinstance(document, dict):
+    lines = ["task %d: not a JSON answer: %s" % (seq, results[-1].get("taskResponse"))]
+else:
+    lines = []
+    for response in document.get("TASK_OUTPUT", {}).get("RESPONSES", []):
+        name = response.get("COMMAND", {}).get("NAME", "?")
+        result = response.get("RESULT")
+        lines.append("%s: RESULT %s%s" % (name, result, " (success)" if result == 0 else ""))
+        for output in response.get("OUTPUTS", []):
+            data = output.get("DATA")
+            if isinstance(data, list) and name.endswith("GET_AVAILABLE_COMMANDS"):
+                for command in data:
+                    lines.append("  %-52s version %-3s %s" % (
+                        command.get("ID"), command.get("VERSION"),
+                        ", ".join(command.get("OPERATIONS", []))))
+            elif isinstance(data, dict) and data:
+                for key in sorted(data):
+                    value = data[key]
+                    lines.append("  %s: %s" % (key, value if isinstance(value, (str, int, float))
+                                               else json.dumps(value)))
+            elif data not in (None, {}, []):
+                lines.append("  " + json.dumps(data))
+os.write(1, "".join("[demo] %s\n" % line for line in lines).encode())
+PYTHON
+
+# The demo, in the background: every wait is bounded and every failure said.
+say() { printf '[demo] %s\n' "$*"; }
+sessions() { curl -sS --max-time 3 "http://127.0.0.1:$control/control/sessions"; }
+# Polls every 0.2 s until "$2 ..." succeeds; false after about $1 seconds.
+poll() {
+  local end=$((SECONDS + $1))
+  shift
+  while [ "$SECONDS" -lt "$end" ]; do
+    if "$@"; then return 0; fi
+    sleep 0.2
+  done
+  return 1
+}
+active_code() {
+  code=$(sessions 2>/dev/null | python3 -c '
+import json, sys
+codes = [s["code"] for s in json.load(sys.stdin) if s.get("state") == "active"]
+print(codes[-1] if codes else "")' 2>/dev/null) && [ -n "$code" ]
+}
+retired() {
+  sessions 2>/dev/null | python3 -c '
+import json, sys
+sys.exit(0 if any(s.get("code") == sys.argv[1] and s.get("state") == "retired"
+                  for s in json.load(sys.stdin)) else 1)' "$code" 2>/dev/null
+}
+show() { sessions 2>/dev/null | python3 -c "$show_result" "$code" "$1" 2>/dev/null; }
+run_command() {
+  local name=$1 inputs=$2 answer seq
+  say "running $name"
+  answer=$(curl -sS --max-time 3 -d "{\"requests\": [{\"COMMAND\": {\"NAME\": \"$name\",
+      \"OPERATION\": \"EXECUTE\", \"VERSION\": 0}, \"INPUTS\": $inputs}]}" \
+      "http://127.0.0.1:$control/control/tasks" 2>&1) || { say "cannot queue it: $answer"; return 1; }
+  seq=$(python3 -c 'import json, sys; print(json.load(sys.stdin)["seqNum"])' <<<"$answer" 2>/dev/null) ||
+    { say "the cloud did not queue it: $answer"; return 1; }
+  poll 20 show "$seq" || { say "no answer to task $seq after 20 s"; return 1; }
+}
+demo() {
+  say "waiting for zel-host's session (GET /control/sessions)"
+  if ! poll 20 active_code; then
+    say "no active session after 20 s; the agent's log above says why (lines with 'sv')"
+    return 0
+  fi
+  say "session $code is open; running three commands in it"
+  run_command FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO '{}' &&
+    run_command FFFFFF_LIVE_SUPPORT_GET_AVAILABLE_COMMANDS '{}' &&
+    run_command FFFFFF_LIVE_SUPPORT_TV_REMOTE_BUTTON '{"BUTTONS": ["HOME", "UP", "ENTER"]}' ||
+    return 0
+  local host
+  host=$(cat "$lab/zel-host.pid" 2>/dev/null) && kill -0 "$host" 2>/dev/null ||
+    { say "zel-host is gone; not closing the session"; return 0; }
+  say "closing the session: SIGUSR1 to zel-host"
+  kill -USR1 "$host" 2>/dev/null || { say "zel-host is gone; not closing the session"; return 0; }
+  if poll 20 retired; then
+    say "session $code is closed; zel-host runs on until its time is up"
+  else
+    say "session $code still open after 20 s"
+  fi
+}
 
 "$root/tools/pki/make-pki.sh" "$lab/pki" "zel.localhost:$port"
 mkdir -p "$lab/data"
@@ -34,7 +134,18 @@ for _ in $(seq 50); do
   sleep 0.1
 done
 
+demo &
+demo_pid=$!
+
 echo "run: zel-host for $seconds seconds against https://FFFFFF0ACC-da.zel.localhost:$port" \
   "(control interface on http://127.0.0.1:$control)"
-"$root/build/tools/host/zel-host" --identity "$lab/pki/identity.json" --config "$lab/config.json" \
-  --device "$lab/pki/device.json" --duration "$seconds"
+# In the foreground, so that it keeps the terminal ("s" + Enter toggles the
+# session); the wrapper leaves its pid for the demo's SIGUSR1.
+host_status=0
+sh -c 'echo $$ > "$0"; exec "$@"' "$lab/zel-host.pid" "$root/build/tools/host/zel-host" \
+  --identity "$lab/pki/identity.json" --config "$lab/config.json" \
+  --device "$lab/pki/device.json" --duration "$seconds" --session || host_status=$?
+if kill -0 "$demo_pid" 2>/dev/null; then
+  echo "run: zel-host stopped before the demo was done"
+fi
+exit "$host_status"

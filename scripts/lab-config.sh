@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # lab-config.sh PERSISTENT_DIR [SEVERITY]: a configuration document for labs
-# that logs the core's activity to the console.
+# that logs the core's activity to the console and lets the cloud open
+# remote-support sessions (POST /control/sessions on zel-cloud).
 set -euo pipefail
 dir=$1
 severity=${2:-info}
@@ -13,6 +14,7 @@ done
 cat <<JSON
 {
   "core": {"persistentPath": "$dir", "temporaryPath": "$dir"},
+  "supportView": {"allowRemoteSession": true},
   "loggers": [{"type": "console", "argument": "stdout", "format": "medium", "filters": [$filters]}]
 }
 JSON

@@ -7,6 +7,7 @@ packages=(
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev libcpp-httplib-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev llvm-14
+  curl python3
 )
 
 missing=()

@@ -1,5 +1,7 @@
 #include "HostOptions.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,10 +12,26 @@ namespace {
 void usage(const char* program) {
     std::fprintf(stderr,
                  "usage: %s --identity FILE --config FILE --device FILE [--duration SECONDS]\n"
-                 "          [--test-mode] [--oem-msg TEXT]\n"
+                 "          [--test-mode] [--oem-msg TEXT] [--session] [--session-digits N]\n"
                  "Runs the agent like a television's firmware would and prints every status\n"
-                 "change. Ctrl-C, SIGTERM or the end of --duration stops it cleanly.\n",
+                 "change. Ctrl-C, SIGTERM or the end of --duration stops it cleanly.\n"
+                 "  --session           open a remote-support session once the agent can\n"
+                 "  --session-digits N  the same with a session code of N digits (4 to 16)\n"
+                 "SIGUSR1, or typing s and Enter on a terminal, opens a session when there is\n"
+                 "none and closes the one there is otherwise.\n",
                  program);
+}
+
+// The agent judges the range itself; only a plain decimal number is asked for.
+bool parseUnsigned(const char* text, unsigned& value) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long parsed = std::strtoul(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || text[0] == '-' || parsed > UINT32_MAX) {
+        return false;
+    }
+    value = static_cast<unsigned>(parsed);
+    return true;
 }
 }  // namespace
 
@@ -21,6 +39,7 @@ bool ParseHostOptions(int argc, char** argv, HostOptions& options) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         bool hasValue = i + 1 < argc;
+        unsigned number = 0;
         if (arg == "--identity" && hasValue) {
             options.identityFile = argv[++i];
         } else if (arg == "--config" && hasValue) {
@@ -32,6 +51,13 @@ bool ParseHostOptions(int argc, char** argv, HostOptions& options) {
         } else if (arg == "--oem-msg" && hasValue) {
             options.hasOemMsg = true;
             options.oemMsg = argv[++i];
+        } else if (arg == "--session-digits" && hasValue && parseUnsigned(argv[i + 1], number)) {
+            options.openSession = true;
+            options.hasSessionCodeDigits = true;
+            options.sessionCodeDigits = number;
+            ++i;
+        } else if (arg == "--session") {
+            options.openSession = true;
         } else if (arg == "--test-mode") {
             options.testMode = true;
         } else {

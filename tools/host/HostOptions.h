@@ -11,6 +11,9 @@ struct HostOptions {
     bool testMode = false;
     bool hasOemMsg = false;
     std::string oemMsg;
+    bool openSession = false;           // open a remote-support session once the agent can
+    bool hasSessionCodeDigits = false;  // else as many digits as the configuration says
+    unsigned sessionCodeDigits = 0;
 };
 
 // False (after printing why) when the command line cannot be used.

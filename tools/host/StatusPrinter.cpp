@@ -23,12 +23,46 @@ const char* stateName(uint32_t state) {
 const char* text(const char* value) {
     return value != nullptr ? value : "-";
 }
+
+std::string stamp() {
+    time_t now = time(nullptr);
+    tm utc{};
+    gmtime_r(&now, &utc);
+    char text[32];
+    strftime(text, sizeof text, "%FT%TZ", &utc);
+    return text;
+}
 }  // namespace
+
+const char* StatusPrinter::SessionStateName(uint32_t sessionState) {
+    switch (sessionState) {
+        case ZelSessionStateInitializing:
+            return "Initializing";
+        case ZelSessionStateTerminating:
+            return "Terminating";
+        case ZelSessionStateSuspending:
+            return "Suspending";
+        case ZelSessionStateResuming:
+            return "Resuming";
+        case ZelSessionStateReady:
+            return "Ready";
+        case ZelSessionStateJoined:
+            return "Joined";
+        case ZelSessionStateNone:
+            return "None";
+        case ZelSessionStateDisabled:
+            return "Disabled";
+        case ZelSessionStateUnsupported:
+            return "Unsupported";
+        default:
+            return "Unknown";
+    }
+}
 
 std::string StatusPrinter::Describe(const ZelStatus& status) {
     std::ostringstream line;
     line << "state=" << stateName(status.state) << " testMode=" << status.testMode
-         << " session=" << status.sessionState << " opid=" << text(status.opid)
+         << " session=" << SessionStateName(status.sessionState) << " opid=" << text(status.opid)
          << " cloud=" << text(status.cloud) << " deviceId=" << text(status.deviceId)
          << " swVersion=" << text(status.swVersion) << " sdk=" << text(status.sdkVersion)
          << " consentUrl=" << text(status.consentUrl) << " update=" << status.updateState << "/"
@@ -38,16 +72,30 @@ std::string StatusPrinter::Describe(const ZelStatus& status) {
 
 bool StatusPrinter::print(const ZelStatus& status) {
     std::string line = Describe(status);
-    if (line == last_) {
-        return false;
+    bool changed = line != last_;
+    if (changed) {
+        last_ = line;
+        std::printf("%s zel-host: %s\n", stamp().c_str(), line.c_str());
     }
-    last_ = line;
-    time_t now = time(nullptr);
-    tm utc{};
-    gmtime_r(&now, &utc);
-    char stamp[32];
-    strftime(stamp, sizeof stamp, "%FT%TZ", &utc);
-    std::printf("%s zel-host: %s\n", stamp, line.c_str());
+    // The code is not part of the line; it can change on its own.
+    printSession(status);
     std::fflush(stdout);
-    return true;
+    return changed;
+}
+
+void StatusPrinter::printSession(const ZelStatus& status) {
+    std::string session = SessionStateName(status.sessionState);
+    if (status.sessionInfo != nullptr && status.sessionInfo[0] != '\0') {
+        session += ", code ";
+        session += status.sessionInfo;
+    }
+    // The first status line says it already, unless there is a code.
+    if (lastSession_.empty() && session == SessionStateName(status.sessionState)) {
+        lastSession_ = session;
+        return;
+    }
+    if (session != lastSession_) {
+        lastSession_ = session;
+        std::printf("%s zel-host: session %s\n", stamp().c_str(), session.c_str());
+    }
 }

@@ -1,6 +1,7 @@
 // zel-host: a stand-in for the television's firmware. It starts the agent
-// from three documents on disk, prints every status change, and on Ctrl-C,
-// SIGTERM or the end of --duration stops the agent and waits for it.
+// from three documents on disk, prints every status change, opens and closes
+// remote-support sessions when asked, and on Ctrl-C, SIGTERM or the end of
+// --duration stops the agent and waits for it.
 #include <signal.h>
 #include <time.h>
 
@@ -11,18 +12,16 @@
 #include <thread>
 
 #include "HostOptions.h"
+#include "KeyReader.h"
+#include "SessionSwitch.h"
 #include "StatusPrinter.h"
 #include "zel.h"
 
 namespace {
 
-// Waits for a stop signal (or the run's duration) and asks the agent to stop.
-// A wait interrupted by something else (a debugger attaching, say) goes on
-// for the rest of the duration.
-int waitForSignal(const sigset_t& signals, unsigned durationSeconds) {
-    timespec end{};
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += static_cast<time_t>(durationSeconds);
+// Waits for a signal until the end of the run (-1 when it comes first). A wait
+// interrupted by something else (a debugger attaching, say) goes on.
+int waitForSignal(const sigset_t& signals, unsigned durationSeconds, const timespec& end) {
     for (;;) {
         int signal;
         if (durationSeconds == 0) {
@@ -46,8 +45,18 @@ int waitForSignal(const sigset_t& signals, unsigned durationSeconds) {
     }
 }
 
-void awaitStop(const sigset_t& signals, unsigned durationSeconds, std::atomic<bool>& stopping) {
-    int signal = waitForSignal(signals, durationSeconds);
+// Toggles the session on SIGUSR1; on a stop signal or at the end of the run
+// asks the agent to stop.
+void awaitStop(const sigset_t& signals, unsigned durationSeconds, SessionSwitch& sessions,
+               std::atomic<bool>& stopping) {
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(durationSeconds);
+    int signal;
+    while ((signal = waitForSignal(signals, durationSeconds, end)) == SIGUSR1) {
+        std::printf("zel-host: SIGUSR1, opening or closing the session\n");
+        sessions.toggle();
+    }
     if (signal > 0) {
         std::printf("zel-host: signal %d, stopping the agent\n", signal);
     } else {
@@ -74,12 +83,13 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    // Only the stopping thread takes the stop signals; block them before any
+    // Only the stopping thread takes the signals; block them before any
     // thread, ours or the agent's, exists so that every thread inherits it.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
@@ -95,17 +105,32 @@ int main(int argc, char** argv) {
         ZelSetOemMsg(options.oemMsg.c_str());
     }
 
+    SessionSwitch sessions;
+    if (options.hasSessionCodeDigits) {
+        sessions.useCodeDigits(options.sessionCodeDigits);
+    }
+    if (options.openSession) {
+        sessions.openWhenReady();
+    }
+    KeyReader keys([&sessions] { sessions.toggle(); });
+    if (keys.start()) {
+        std::printf("zel-host: type s and Enter to open or close a session\n");
+    }
+
     std::atomic<bool> stopping{false};
-    std::thread stopper(awaitStop, std::cref(signals), options.durationSeconds, std::ref(stopping));
+    std::thread stopper(awaitStop, std::cref(signals), options.durationSeconds, std::ref(sessions),
+                        std::ref(stopping));
 
     StatusPrinter printer;
     ZelStatus status{};
     ZelGetStatus(ZelStatusMethodNow, &status);
     printer.print(status);
+    sessions.observe(status);
     ZelFreeStatus(&status);
     for (;;) {
         ZelGetStatus(ZelStatusMethodWaitForChange, &status);
         printer.print(status);
+        sessions.observe(status);
         bool stopped = stopping && status.state == DeviceAgentStateUninitialized;
         ZelFreeStatus(&status);
         if (stopped) {
@@ -113,6 +138,7 @@ int main(int argc, char** argv) {
         }
     }
     stopper.join();
+    keys.stop();
     std::printf("zel-host: agent stopped\n");
     return 0;
 }
