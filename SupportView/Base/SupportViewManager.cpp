@@ -205,14 +205,18 @@ unsigned SupportViewManager::sessionInitialize(bool allowSessionCodeBypass) {
 
 unsigned SupportViewManager::sessionTerminate() {
     LockMutex lock(CoreMutex());
-    if (!agentRunning() || values_.sessionState == ZelSessionStateNone) {
+    if (!agentRunning() || values_.sessionState == ZelSessionStateNone ||
+        values_.sessionState == ZelSessionStateDisabled) {
         return ZelResultNotInitialized;
     }
     if (values_.sessionState == ZelSessionStateTerminating ||
         values_.sessionState == ZelSessionStateSuspending) {
         return ZelResultBusy;
     }
-    values_.sessionRequest = SessionRequest::Terminate;
+    // A session still being opened has no token to end it with: the open is
+    // called off instead, and its answer will find nobody waiting.
+    values_.sessionRequest =
+        values_.hasSession() ? SessionRequest::Terminate : SessionRequest::None;
     CoreManager::Instance().evaluateStateChanges();
     return ZelResultSuccess;
 }

@@ -390,3 +390,16 @@ TEST_F(SupportView, StopDuringASlowCommandLeavesTheCommandAlive) {
     ASSERT_TRUE(Zel::Core::ThreadUtil::WaitForNoLiveThreads(AgentLab::kPatience.count()));
     EXPECT_TRUE(lab.calls("sv/command/put").empty());
 }
+
+TEST_F(SupportView, EndingASessionBeingOpenedCallsTheOpenOff) {
+    AgentLab& lab = started(fastSv());
+    lab.cloud().addFault(Fault("sv/session/initialize", FaultPlan::Kind::Delay, 0, 800));
+    ASSERT_EQ(ZelResultSuccess, ZelSessionInit(0));
+    ASSERT_TRUE(lab.waitForLog("InitializeSession initiated"));
+    ASSERT_EQ(ZelResultSuccess, ZelSessionTerm());
+    ASSERT_TRUE(lab.waitForSessionState(ZelSessionStateNone));
+    ASSERT_TRUE(lab.waitForLog("InitializeSession processed (200)"));
+    EXPECT_EQ(ZelSessionStateNone, lab.sessionState());
+    EXPECT_TRUE(lab.calls("sv/session/terminate").empty());
+    open(lab);
+}
