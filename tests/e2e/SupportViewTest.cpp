@@ -192,6 +192,14 @@ TEST_F(SupportView, HostOpensSessionRunsTasksAndEndsIt) {
                 << path;
         }
     }
+    // The get and put threads keep their connections from call to call.
+    for (const char* path : {"sv/command/get", "sv/command/put"}) {
+        std::vector<RecordedRequest> calls = lab.calls(path);
+        for (const RecordedRequest& call : calls) {
+            EXPECT_EQ(calls[0].connection, call.connection) << path;
+        }
+    }
+    EXPECT_NE(lab.calls("sv/command/get")[0].connection, lab.calls("sv/command/put")[0].connection);
     Json::Value initialize = ZelTest::ParseJson(lab.calls("sv/session/initialize")[0].body);
     EXPECT_EQ(9, initialize["sessionCodeDigits"].asInt());
     EXPECT_FALSE(initialize["allowSessionCodeBypass"].asBool());

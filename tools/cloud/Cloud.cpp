@@ -95,9 +95,9 @@ bool Cloud::start() {
     httplib::Server& http = server_->http();
     auto handler = [this](const httplib::Request& req, httplib::Response& res) {
         std::string host = req.get_header_value("Host");
-        Answer answer =
-            serve(req.method, req.path, host, TlsServer::ClientCommonName(req),
-                  req.get_header_value("Authorization"), req.body, TlsServer::WireHeaders(req));
+        Answer answer = serve(req.method, req.path, host, TlsServer::ClientCommonName(req),
+                              req.get_header_value("Authorization"), req.body,
+                              TlsServer::WireHeaders(req), TlsServer::ConnectionId(req));
         if (answer.drop) {
             // No answer at all: the client sees the connection end.
             if (req.ssl != nullptr) {
@@ -172,7 +172,7 @@ bool Cloud::pause(long delayMs) {
 Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
                            const std::string& host, const std::string& cn,
                            const std::string& authorization, const std::string& body,
-                           const std::vector<std::string>& headers) {
+                           const std::vector<std::string>& headers, uint64_t connection) {
     RecordedRequest record;
     record.time = std::chrono::system_clock::now();
     record.method = method;
@@ -182,6 +182,7 @@ Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
     record.authorization = authorization;
     record.body = body;
     record.headers = headers;
+    record.connection = connection;
 
     log_.begin();
     Answer answer;

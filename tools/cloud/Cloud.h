@@ -68,7 +68,7 @@ public:
     // Serves one request as the TLS server's handler does: faults, dispatch, record.
     Answer serve(const std::string& method, const std::string& path, const std::string& host,
                  const std::string& cn, const std::string& authorization, const std::string& body,
-                 const std::vector<std::string>& headers = {});
+                 const std::vector<std::string>& headers = {}, uint64_t connection = 0);
 
     // Control, in process; the control interface calls the same functions.
     // An event for an empty device goes to whichever device synchronises next.

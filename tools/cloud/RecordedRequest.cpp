@@ -27,6 +27,7 @@ Json::Value RecordedRequest::toJson() const {
     value["host"] = host;
     value["cn"] = cn;
     value["authorization"] = authorization;
+    value["connection"] = static_cast<Json::UInt64>(connection);
     value["headers"] = Json::Value(Json::arrayValue);
     for (const std::string& header : headers) {
         value["headers"].append(header);

@@ -3,6 +3,7 @@
 #include <json/value.h>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@ struct RecordedRequest {
     std::string cn;                    // common name of the client certificate
     std::string authorization;         // the Authorization header, "" when absent
     std::vector<std::string> headers;  // every header line ("Name: value") in the order sent
+    uint64_t connection = 0;           // the connection it came over; 0 when not known
     std::string body;
     int status = 0;  // 0 when the connection was dropped without an answer
     std::string note;

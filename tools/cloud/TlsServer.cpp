@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <fstream>
@@ -42,6 +43,9 @@ std::string OpenSslErrors() {
 // What the handler running on this thread is serving, and its header lines.
 thread_local const httplib::Request* wireRequest = nullptr;
 thread_local std::vector<std::string> wireHeaders;
+thread_local uint64_t wireConnection = 0;
+// Numbers the accepted connections, so that a test can tell which were reused.
+std::atomic<uint64_t> connectionsAccepted{0};
 
 bool Readable(int fd, int timeoutMs) {
     pollfd entry{fd, POLLIN, 0};
@@ -125,6 +129,7 @@ private:
         SSL* ssl = SSL_new(ssl_context());
         bool served = false;
         if (ssl != nullptr && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1) {
+            uint64_t connection = ++connectionsAccepted;
             for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock, ssl); --left) {
                 WireStream stream(sock, ssl);
                 bool closed = false;
@@ -132,6 +137,7 @@ private:
                     req.ssl = ssl;
                     wireRequest = &req;
                     wireHeaders = stream.headers();
+                    wireConnection = connection;
                 });
                 wireRequest = nullptr;
                 if (!served || closed) {
@@ -335,6 +341,10 @@ std::string TlsServer::ClientCommonName(const httplib::Request& request) {
 
 std::vector<std::string> TlsServer::WireHeaders(const httplib::Request& request) {
     return wireRequest == &request ? wireHeaders : std::vector<std::string>();
+}
+
+uint64_t TlsServer::ConnectionId(const httplib::Request& request) {
+    return wireRequest == &request ? wireConnection : 0;
 }
 
 bool TlsServer::ReadFile(const std::string& path, std::string& content) {

@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -59,6 +60,9 @@ public:
     // The header lines of the request a handler is serving, as they came over
     // the wire: in order, "Name: value" each.
     static std::vector<std::string> WireHeaders(const httplib::Request& request);
+    // Which connection the request came over: accepted connections are
+    // numbered from 1; 0 outside a handler.
+    static uint64_t ConnectionId(const httplib::Request& request);
 
     static bool ReadFile(const std::string& path, std::string& content);
 

@@ -38,8 +38,8 @@ TEST(SvAnswerTest, InitializeTakesCodeAndTokenOnlyWhenAsked) {
         {"token not text", SessionRequest::Initialize, 200,
          R"({"sessionCode":"1234","sessionToken":{"a":1}})", Effect::Nothing, ""},
         {"code too long", SessionRequest::Initialize, 200,
-         R"({"sessionToken":"t","sessionCode":")" + std::string(65, '1') + "\"}",
-         Effect::Nothing, ""},
+         R"({"sessionToken":"t","sessionCode":")" + std::string(65, '1') + "\"}", Effect::Nothing,
+         ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
