@@ -247,8 +247,8 @@ TEST_F(SupportView, TasksRunAtOnceAndPostInCompletionOrder) {
     EXPECT_EQ(1u, results[1]["taskSeqNum"].asUInt());
     EXPECT_TRUE(responses(lab, 1)[0]["OUTPUTS"][0]["DATA"]["WAITED"].asBool());
     // The put's sequence number goes back with the next put.
+    ASSERT_TRUE(lab.waitForCalls("sv/command/put", 2));
     std::vector<RecordedRequest> puts = lab.calls("sv/command/put");
-    ASSERT_EQ(2u, puts.size());
     EXPECT_EQ(0, ZelTest::ParseJson(puts[0].body)["seqNum"].asInt());
     EXPECT_EQ(1, ZelTest::ParseJson(puts[1].body)["seqNum"].asInt());
 }
