@@ -56,10 +56,11 @@ void* SupportViewManager::PutTaskControl(void* self) {
 
 void SupportViewManager::controlLoop(ControlThread& control) {
     ZEL_LOG(ServiceSv, CategoryState, SeverityInfo, "%s started", control.name);
-    // The get and put threads keep their request, and with it their
-    // connection, from one long poll to the next.
+    // Each thread keeps its request, and with it its connection: the get
+    // thread from one long poll to the next, the session thread for the
+    // short last call at shut-down, which then needs no new handshake.
     Http::Request request;
-    request.reusable = control.role != RoleSession;
+    request.reusable = true;
     LockMutex lock(CoreMutex());
     ThreadValues& thread = values_.threads[control.role];
     for (;;) {
@@ -150,13 +151,8 @@ void SupportViewManager::runCall(ControlThread& control, Http::Request& request)
         // start, whose resume lets the cloud decide.
         storeSessionToken();
     }
-    if (control.role == RoleSession) {
-        UnlockMutex unlocked(CoreMutex());
-        Http::Cleanup(request);
-    } else {
-        request.headers.clear();
-        request.body.clear();
-    }
+    request.headers.clear();
+    request.body.clear();
 }
 
 void SupportViewManager::delay(ControlThread& control) {
