@@ -1,13 +1,16 @@
 #!/bin/bash
 # Makes a complete throw-away PKI for running the agent against a local cloud:
 # a root CA, the device identity, the cloud's server certificate with stapled
-# OCSP responses, and the certificates the refusal tests need.
+# OCSP responses, the update signing chain, and the certificates the refusal
+# tests need.
 #
 #   make-pki.sh [-v] OUTDIR INSTANCE [OPID]
 #
 # INSTANCE is the cloud instance domain ("zel.localhost" or
 # "zel.localhost:18443"); it goes into the device certificate's CN as it is,
-# while the server certificate names "*.<INSTANCE without the port>".
+# while the server certificate names "*.<INSTANCE without the port>" and the
+# update signing certificate (signer.crt, under update-ca.crt) names INSTANCE
+# itself, port included, as the device compares it with its own CN.
 set -euo pipefail
 
 usage() {
@@ -171,6 +174,16 @@ issue ca.crt ca.key wrong-host.key wrong-host.crt "/O=Zel Test/CN=*.wrong-host.i
 subjectAltName = DNS:*.wrong-host.invalid"
 ocsp_response V ca.crt ocsp.crt ocsp.key wrong-host.crt \
     wrong-host.ocsp.der
+
+log "update signing chain, signer CN=$instance"
+rsa_key update-ca.key
+issue ca.crt ca.key update-ca.key update-ca.crt "/O=Zel Test/CN=Zel Test Update CA" 3650 \
+    "basicConstraints = critical, CA:true, pathlen:0
+keyUsage = critical, keyCertSign, cRLSign"
+rsa_key signer.key
+issue update-ca.crt update-ca.key signer.key signer.crt "/O=Zel Test/CN=$instance" 825 \
+    "basicConstraints = critical, CA:false
+keyUsage = critical, digitalSignature"
 
 log "identity and device documents"
 b64() { base64 -w0 <"$1"; }
