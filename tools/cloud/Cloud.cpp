@@ -8,6 +8,8 @@
 
 #include "tools/cloud/ControlServer.h"
 #include "tools/cloud/DaService.h"
+#include "tools/cloud/PayloadServer.h"
+#include "tools/cloud/SuService.h"
 #include "tools/cloud/SvService.h"
 #include "tools/cloud/TlsServer.h"
 
@@ -47,8 +49,12 @@ std::vector<std::string> Authorizations(const std::vector<std::string>& headers,
 
 }  // namespace
 
-Cloud::Cloud(CloudOptions options) : options_(std::move(options)), server_(new TlsServer) {
-    log_.setQuiet(options_.quiet);
+Cloud::Cloud(CloudOptions options)
+    : options_(std::move(options)),
+      server_(new TlsServer),
+      payloads_(new PayloadServer(updates_, payloadFaults_,
+                                  [this](long delayMs) { return pause(delayMs); })) {
+    setQuiet(options_.quiet);
     if (options_.settings.isObject()) {
         settings_.merge(options_.settings);
     }
@@ -69,6 +75,7 @@ void Cloud::registerServices() {
     sv->setLongPollMs(options_.longPollMs);
     sv_ = sv.get();
     addService(std::move(sv));
+    addService(std::make_unique<SuService>(devices_, updates_));
 }
 
 void Cloud::addService(std::unique_ptr<Service> service) {
@@ -77,14 +84,18 @@ void Cloud::addService(std::unique_ptr<Service> service) {
 }
 
 bool Cloud::bind() {
-    if (port_ != 0) {
-        return true;
+    if (port_ == 0) {
+        if (!server_->bind(options_.port)) {
+            error_ = server_->error();
+            return false;
+        }
+        port_ = server_->port();
     }
-    if (!server_->bind(options_.port)) {
-        error_ = server_->error();
+    if (options_.payloadPort >= 0 && payloads_->port() < 0 &&
+        !payloads_->bind(options_.payloadPort)) {
+        error_ = "cannot bind the payload port " + std::to_string(options_.payloadPort);
         return false;
     }
-    port_ = server_->port();
     return true;
 }
 
@@ -116,6 +127,11 @@ bool Cloud::start() {
     // Each long poll holds a worker, and so does every kept-alive connection
     // between its requests: httplib's default pool of 8 runs out with a few devices.
     http.new_task_queue = [] { return new httplib::ThreadPool(64); };
+    // Payloads before the catch-all; the payload server answers Range itself.
+    server_->leaveRangesToHandlers();
+    http.Get(PayloadServer::kPattern, [this](const httplib::Request& req, httplib::Response& res) {
+        payloads_->answer(req, res, TlsServer::ClientCommonName(req), true);
+    });
     http.Post(".*", handler);
     http.Get(".*", handler);
     http.Put(".*", handler);
@@ -132,6 +148,7 @@ bool Cloud::start() {
         error_ = server_->error();
         return false;
     }
+    payloads_->start();
     if (options_.controlPort >= 0) {
         control_ = std::make_unique<ControlServer>(*this);
         if (!control_->start(options_.controlPort)) {
@@ -154,6 +171,7 @@ void Cloud::stop() {
         service.second->stop();
     }
     server_->stop();
+    payloads_->stop();
     if (control_) {
         control_->stop();
     }
@@ -161,6 +179,10 @@ void Cloud::stop() {
 
 int Cloud::controlPort() const {
     return control_ ? control_->port() : -1;
+}
+
+int Cloud::payloadPort() const {
+    return payloads_->port();
 }
 
 bool Cloud::pause(long delayMs) {
@@ -335,6 +357,49 @@ bool Cloud::waitForResults(size_t count, std::chrono::milliseconds timeout,
 
 void Cloud::setLongPollMs(long ms) {
     sv_->setLongPollMs(ms);
+}
+
+bool Cloud::publishUpdate(const UpdateSpec& spec, PublishedUpdate& published, std::string& error) {
+    if (!spec.secure && options_.payloadPort < 0) {
+        error = "no payload server for a plain-HTTP url (payloadPort, --payload-port)";
+        return false;
+    }
+    UpdateKeys keys;
+    if (!spec.check(error) || !UpdateKeys::Load(options_.pkiDir, keys, error)) {
+        return false;
+    }
+    if (!bind()) {
+        error = error_;
+        return false;
+    }
+    std::string id = updates_.newId();
+    std::string url;
+    if (spec.secure) {
+        // The su service's host, as the device names it: "<opid>-su.<instance>".
+        size_t dot = keys.deviceCn.find('.');
+        if (dot == std::string::npos) {
+            error = "the device certificate's CN " + keys.deviceCn + " has no instance";
+            return false;
+        }
+        std::string instance = keys.deviceCn.substr(dot + 1);
+        if (instance.find(':') == std::string::npos) {
+            instance += ":" + std::to_string(port_);
+        }
+        url = "https://" + keys.deviceCn.substr(0, dot) + "-su." + instance;
+    } else {
+        url = "http://127.0.0.1:" + std::to_string(payloads_->port());
+    }
+    url += "/payloads/" + id;
+    Update update;
+    if (!PackUpdate(spec, keys, id, url, update, published, error)) {
+        return false;
+    }
+    updates_.add(update);
+    if (spec.offer) {
+        // The agent takes a string parameter as the event's text: the token.
+        queueEvent("softwareupdate", Json::Value(published.token), std::nullopt, published.device);
+    }
+    return true;
 }
 
 std::optional<DeviceRegistry::Device> Cloud::device(const std::string& cn) const {

@@ -16,30 +16,39 @@
 #include "tools/cloud/CloudSettings.h"
 #include "tools/cloud/DeviceRegistry.h"
 #include "tools/cloud/FaultPlan.h"
+#include "tools/cloud/PayloadFaults.h"
 #include "tools/cloud/RecordedRequest.h"
 #include "tools/cloud/RequestLog.h"
 #include "tools/cloud/Service.h"
 #include "tools/cloud/SessionRegistry.h"
+#include "tools/cloud/UpdatePublisher.h"
+#include "tools/cloud/UpdateRegistry.h"
 
 namespace ZelCloud {
 
 class ControlServer;
 class DaService;
+class PayloadServer;
 class SvService;
 class TlsServer;
 
 struct CloudOptions {
-    std::string pkiDir;    // output of make-pki.sh: server.crt, server.key, ca.crt, server.ocsp.der
-    int port = 0;          // 0: any free port
-    int controlPort = -1;  // -1: no control interface, 0: any free port
-    bool quiet = false;    // no request lines on stdout
-    Json::Value settings;  // initial operator settings (an object, or null)
+    // Output of make-pki.sh: server.crt, server.key, ca.crt, server.ocsp.der, and
+    // for updates signer.key, signer.crt, update-ca.crt and device.crt.
+    std::string pkiDir;
+    int port = 0;             // 0: any free port
+    int controlPort = -1;     // -1: no control interface, 0: any free port
+    int payloadPort = -1;     // plain-HTTP payload server: -1 none, 0 any free port
+    bool quiet = false;       // no request lines on stdout
+    Json::Value settings;     // initial operator settings (an object, or null)
     long longPollMs = 10000;  // how long sv/command/get holds a call without a task
 };
 
 // A local stand-in for the maker's cloud: one TLS server on 127.0.0.1 that
 // serves every micro-service under "/api/v1/<service>/...", requires the device's
 // client certificate, records every request, and can be told to misbehave.
+// Update payloads are served under "/payloads/<id>" by the TLS server and by a
+// plain-HTTP server of their own.
 class Cloud {
 public:
     explicit Cloud(CloudOptions options);
@@ -47,8 +56,9 @@ public:
     Cloud(const Cloud&) = delete;
     Cloud& operator=(const Cloud&) = delete;
 
-    // Opens the service port early, for when the port must be known before the
-    // certificates are made (it is part of the device certificate's name).
+    // Opens the service port (and the payload port) early, for when the port must
+    // be known before the certificates are made (it is part of the device
+    // certificate's name).
     bool bind();
     // Loads the certificates from the PKI directory, binds what is not yet bound
     // and starts serving. False on failure, with the reason in error().
@@ -57,6 +67,8 @@ public:
     void stop();
     int port() const { return port_; }
     int controlPort() const;
+    // -1 without a payload server or until bound.
+    int payloadPort() const;
     const std::string& error() const { return error_; }
 
     // The answer to one service request; what the transport sends back.
@@ -116,11 +128,45 @@ public:
     }
     void setLongPollMs(long ms);
 
+    // Software updates. Encrypts and signs the update with the PKI's update
+    // files, serves its payload and, unless spec.offer is false, queues the
+    // "softwareupdate" event with its token for the device. Binds the ports
+    // when not yet bound; false with a reason (no payload port for a plain url,
+    // the PKI without the update files...).
+    bool publishUpdate(const UpdateSpec& spec, PublishedUpdate& published, std::string& error);
+    // Every update published, without the payload bytes.
+    Json::Value updates() const { return updates_.toJson(); }
+    // Every "su/download/complete" report, in order.
+    std::vector<UpdateReport> updateReports() const { return updates_.reports(); }
+    bool waitForUpdateReports(size_t count, std::chrono::milliseconds timeout) const {
+        return updates_.waitForReports(count, timeout);
+    }
+    void addPayloadFault(const PayloadFaults::Fault& fault) { payloadFaults_.add(fault); }
+    // {"id"?, "status"? | "delayMs"? | "drop"? | "corruptOffset"?, "count"?}
+    bool addPayloadFault(const Json::Value& fields, std::string& error) {
+        return payloadFaults_.add(fields, error);
+    }
+    void clearPayloadFaults() { payloadFaults_.clear(); }
+    // The payload faults still to happen.
+    Json::Value payloadFaults() const { return payloadFaults_.toJson(); }
+    // Every payload request answered (recorded once its answer is sent or broken off).
+    std::vector<PayloadRequest> payloadRequests() const { return updates_.requests(); }
+    bool waitForPayloadRequests(size_t count, std::chrono::milliseconds timeout) const {
+        return updates_.waitForRequests(count, timeout);
+    }
+    // Waits until count payload requests are being answered at once (held by a delay, say).
+    bool waitForPayloadsInFlight(size_t count, std::chrono::milliseconds timeout) const {
+        return updates_.waitForInFlight(count, timeout);
+    }
+
     std::vector<RecordedRequest> requests() const { return log_.snapshot(); }
     void clearRequests() { log_.clear(); }
     Json::Value devices() const { return devices_.toJson(); }
     std::optional<DeviceRegistry::Device> device(const std::string& cn) const;
-    void setQuiet(bool quiet) { log_.setQuiet(quiet); }
+    void setQuiet(bool quiet) {
+        log_.setQuiet(quiet);
+        updates_.setQuiet(quiet);
+    }
 
     // Wait for traffic without sleeping: woken on every request recorded.
     bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
@@ -142,11 +188,14 @@ private:
     CloudSettings settings_;
     DeviceRegistry devices_;
     SessionRegistry sessions_;
+    UpdateRegistry updates_;
+    PayloadFaults payloadFaults_;
     std::map<std::string, std::unique_ptr<Service>> services_;
     DaService* da_ = nullptr;
     SvService* sv_ = nullptr;
 
     std::unique_ptr<TlsServer> server_;
+    std::unique_ptr<PayloadServer> payloads_;
     std::unique_ptr<ControlServer> control_;
     int port_ = 0;
     std::string error_;

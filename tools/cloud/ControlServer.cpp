@@ -176,6 +176,73 @@ void ControlServer::route() {
         answer["seqNum"] = seqNum;
         Answer(res, 200, answer);
     });
+    routeUpdates();
+}
+
+void ControlServer::routeUpdates() {
+    httplib::Server& server = *server_;
+    server.Post("/control/updates", [this](const httplib::Request& req, httplib::Response& res) {
+        Json::Value body;
+        UpdateSpec spec;
+        std::string error;
+        if (!ParseBody(req, res, body)) {
+            return;
+        }
+        if (!UpdateSpec::FromJson(body, spec, error)) {
+            Fail(res, 400, error);
+            return;
+        }
+        PublishedUpdate published;
+        if (!cloud_.publishUpdate(spec, published, error)) {
+            // The request was fine; the cloud cannot make or serve updates.
+            Fail(res, 500, error);
+            return;
+        }
+        for (const Json::Value& update : cloud_.updates()) {
+            if (update["id"].asString() == published.id) {
+                Answer(res, 200, update);
+            }
+        }
+    });
+    server.Get("/control/updates", [this](const httplib::Request&, httplib::Response& res) {
+        Answer(res, 200, cloud_.updates());
+    });
+    server.Get("/control/update-reports", [this](const httplib::Request&, httplib::Response& res) {
+        Json::Value list(Json::arrayValue);
+        for (const UpdateReport& report : cloud_.updateReports()) {
+            list.append(report.toJson());
+        }
+        Answer(res, 200, list);
+    });
+    server.Post("/control/payload-faults",
+                [this](const httplib::Request& req, httplib::Response& res) {
+                    Json::Value body;
+                    std::string error;
+                    if (!ParseBody(req, res, body)) {
+                        return;
+                    }
+                    if (!cloud_.addPayloadFault(body, error)) {
+                        Fail(res, 400, error);
+                        return;
+                    }
+                    Ok(res);
+                });
+    server.Get("/control/payload-faults", [this](const httplib::Request&, httplib::Response& res) {
+        Answer(res, 200, cloud_.payloadFaults());
+    });
+    server.Delete("/control/payload-faults",
+                  [this](const httplib::Request&, httplib::Response& res) {
+                      cloud_.clearPayloadFaults();
+                      Ok(res);
+                  });
+    server.Get("/control/payload-requests",
+               [this](const httplib::Request&, httplib::Response& res) {
+                   Json::Value list(Json::arrayValue);
+                   for (const PayloadRequest& request : cloud_.payloadRequests()) {
+                       list.append(request.toJson());
+                   }
+                   Answer(res, 200, list);
+               });
 }
 
 bool ControlServer::start(int port) {

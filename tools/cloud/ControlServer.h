@@ -29,6 +29,7 @@ public:
 
 private:
     void route();
+    void routeUpdates();
 
     Cloud& cloud_;
     std::unique_ptr<httplib::Server> server_;

@@ -123,6 +123,8 @@ class WireServer : public httplib::SSLServer {
 public:
     using httplib::SSLServer::SSLServer;
 
+    std::atomic<bool> clearRanges{false};
+
 private:
     bool process_and_close_socket(socket_t sock) override {
         ERR_clear_error();
@@ -135,6 +137,9 @@ private:
                 bool closed = false;
                 served = process_request(stream, left == 1, closed, [&](httplib::Request& req) {
                     req.ssl = ssl;
+                    if (clearRanges) {
+                        req.ranges.clear();
+                    }
                     wireRequest = &req;
                     wireHeaders = stream.headers();
                     wireConnection = connection;
@@ -276,6 +281,10 @@ bool TlsServer::start(const Config& config) {
 
 void TlsServer::stop() {
     thread_->stop();
+}
+
+void TlsServer::leaveRangesToHandlers() {
+    static_cast<WireServer&>(*server_).clearRanges = true;
 }
 
 void TlsServer::setOcspResponse(const std::string& der) {

@@ -50,6 +50,9 @@ public:
     const std::string& error() const { return error_; }
 
     httplib::Server& http() { return *server_; }
+    // Requests reach the handlers without httplib's parsed ranges, so that a
+    // handler answering Range itself is not cut again (the payload server).
+    void leaveRangesToHandlers();
 
     // The response stapled from now on; empty staples nothing.
     void setOcspResponse(const std::string& der);

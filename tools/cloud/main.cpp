@@ -16,8 +16,9 @@ namespace {
 
 void Usage() {
     fprintf(stderr,
-            "usage: zel-cloud --pki DIR [--port N] [--control-port N] [--settings FILE.json]\n"
-            "                 [--long-poll-ms N] [--duration SECONDS] [--quiet]\n");
+            "usage: zel-cloud --pki DIR [--port N] [--control-port N] [--payload-port N]\n"
+            "                 [--settings FILE.json] [--long-poll-ms N] [--duration SECONDS]\n"
+            "                 [--quiet]\n");
 }
 
 bool ParseNumber(const char* text, long min, long max, long& value) {
@@ -47,6 +48,7 @@ bool ReadSettings(const std::string& path, Json::Value& settings) {
 int main(int argc, char** argv) {
     ZelCloud::CloudOptions options;
     options.controlPort = 0;
+    options.payloadPort = 0;
     long duration = 0;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -60,6 +62,10 @@ int main(int argc, char** argv) {
         } else if (arg == "--control-port" && hasValue &&
                    ParseNumber(argv[i + 1], 0, 65535, number)) {
             options.controlPort = static_cast<int>(number);
+            ++i;
+        } else if (arg == "--payload-port" && hasValue &&
+                   ParseNumber(argv[i + 1], -1, 65535, number)) {
+            options.payloadPort = static_cast<int>(number);
             ++i;
         } else if (arg == "--settings" && hasValue) {
             if (!ReadSettings(argv[++i], options.settings)) {
@@ -102,6 +108,9 @@ int main(int argc, char** argv) {
     }
     printf("zel-cloud: services on https://127.0.0.1:%d, control on http://127.0.0.1:%d\n",
            cloud.port(), cloud.controlPort());
+    if (cloud.payloadPort() >= 0) {
+        printf("zel-cloud: payloads on http://127.0.0.1:%d/payloads/\n", cloud.payloadPort());
+    }
     fflush(stdout);
 
     int received = 0;

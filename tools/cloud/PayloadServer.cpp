@@ -1,0 +1,299 @@
+#include "tools/cloud/PayloadServer.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+namespace ZelCloud {
+
+namespace {
+
+constexpr int kTimeoutMs = 5000;
+constexpr size_t kChunk = 64 * 1024;
+
+bool Ready(int fd, short events, int timeoutMs) {
+    pollfd entry{fd, events, 0};
+    int ready;
+    do {
+        ready = poll(&entry, 1, timeoutMs);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+// A plain TCP connection as httplib reads and writes it.
+class PlainStream : public httplib::Stream {
+public:
+    explicit PlainStream(int fd) : fd_(fd) {}
+
+    bool is_readable() const override { return Ready(fd_, POLLIN, kTimeoutMs); }
+    bool is_writable() const override { return Ready(fd_, POLLOUT, kTimeoutMs); }
+    ssize_t read(char* ptr, size_t size) override {
+        if (!is_readable()) {
+            return -1;
+        }
+        ssize_t got;
+        do {
+            got = recv(fd_, ptr, size, 0);
+        } while (got < 0 && errno == EINTR);
+        return got;
+    }
+    ssize_t write(const char* ptr, size_t size) override {
+        if (!is_writable()) {
+            return -1;
+        }
+        ssize_t put;
+        do {
+            put = send(fd_, ptr, size, MSG_NOSIGNAL);
+        } while (put < 0 && errno == EINTR);
+        return put;
+    }
+    void get_remote_ip_and_port(std::string& ip, int& port) const override {
+        address(getpeername, ip, port);
+    }
+    void get_local_ip_and_port(std::string& ip, int& port) const override {
+        address(getsockname, ip, port);
+    }
+    socket_t socket() const override { return fd_; }
+
+private:
+    template <typename Get>
+    void address(Get get, std::string& ip, int& port) const {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        char text[INET_ADDRSTRLEN] = "";
+        if (get(fd_, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+            inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+            port = ntohs(peer.sin_port);
+        }
+        ip = text;
+    }
+
+    int fd_;
+};
+
+// httplib's plain server with a connection loop of its own: a kept-alive
+// connection ends as soon as the server stops, and Range is left to the
+// handler, which answers it itself.
+class PlainServer : public httplib::Server {
+private:
+    bool process_and_close_socket(socket_t sock) override {
+        bool served = false;
+        for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock); --left) {
+            PlainStream stream(sock);
+            bool closed = false;
+            served = process_request(stream, left == 1, closed,
+                                     [](httplib::Request& req) { req.ranges.clear(); });
+            if (!served || closed) {
+                break;
+            }
+        }
+        shutdown(sock, SHUT_RDWR);
+        close(sock);
+        return served;
+    }
+
+    bool awaitRequest(int sock) const {
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
+        while (svr_sock_ != INVALID_SOCKET && std::chrono::steady_clock::now() < end) {
+            if (Ready(sock, POLLIN, 50)) {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+
+// Digits only; saturates rather than wrapping. False for anything else.
+bool ParseCount(const std::string& text, uint64_t& value) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    value = 0;
+    for (char digit : text) {
+        uint64_t next = value * 10 + static_cast<uint64_t>(digit - '0');
+        value = value > (UINT64_MAX - 9) / 10 ? UINT64_MAX : next;
+    }
+    return true;
+}
+
+// An answer with payload bytes, as far as it has got; recorded when httplib is done with it.
+struct Transfer {
+    PayloadRequest record;
+    bool drop = false;
+};
+
+}  // namespace
+
+PayloadServer::PayloadServer(UpdateRegistry& updates, PayloadFaults& faults, Pause pause)
+    : updates_(updates),
+      faults_(faults),
+      pause_(std::move(pause)),
+      server_(new PlainServer),
+      thread_(*server_) {
+    server_->set_keep_alive_max_count(1000000);
+    server_->new_task_queue = [] { return new httplib::ThreadPool(16); };
+    server_->Get(kPattern, [this](const httplib::Request& req, httplib::Response& res) {
+        answer(req, res, std::string(), false);
+    });
+}
+
+PayloadServer::~PayloadServer() {
+    stop();
+}
+
+bool PayloadServer::bind(int port) {
+    int bound = thread_.bind("127.0.0.1", port);
+    if (bound < 0) {
+        return false;
+    }
+    port_ = bound;
+    return true;
+}
+
+void PayloadServer::start() {
+    if (port_ >= 0 && !thread_.running()) {
+        thread_.start();
+    }
+}
+
+void PayloadServer::stop() {
+    thread_.stop();
+}
+
+PayloadServer::Range PayloadServer::ParseRange(const std::string& header, uint64_t size,
+                                               uint64_t& first, uint64_t& last) {
+    static const std::string kUnit = "bytes=";
+    if (header.compare(0, kUnit.size(), kUnit) != 0 || size == 0) {
+        return Range::Whole;
+    }
+    std::string spec = header.substr(kUnit.size());
+    size_t dash = spec.find('-');
+    if (dash == std::string::npos) {
+        return Range::Whole;
+    }
+    std::string from = spec.substr(0, dash);
+    std::string to = spec.substr(dash + 1);
+    uint64_t a = 0;
+    uint64_t b = 0;
+    if (from.empty()) {
+        // The last b bytes.
+        if (!ParseCount(to, b)) {
+            return Range::Whole;
+        }
+        if (b == 0) {
+            return Range::Unsatisfiable;
+        }
+        first = b >= size ? 0 : size - b;
+        last = size - 1;
+        return Range::Part;
+    }
+    if (!ParseCount(from, a) || (!to.empty() && (!ParseCount(to, b) || b < a))) {
+        return Range::Whole;
+    }
+    if (a >= size) {
+        return Range::Unsatisfiable;
+    }
+    first = a;
+    last = to.empty() ? size - 1 : std::min(b, size - 1);
+    return Range::Part;
+}
+
+void PayloadServer::answer(const httplib::Request& req, httplib::Response& res,
+                           const std::string& cn, bool secure) {
+    updates_.begin();
+    PayloadRequest record;
+    record.time = std::chrono::system_clock::now();
+    record.id = req.matches.size() > 1 ? req.matches[1].str() : std::string();
+    record.cn = cn;
+    record.secure = secure;
+    record.range = req.get_header_value("Range");
+    res.set_header("Accept-Ranges", "bytes");
+
+    std::shared_ptr<const std::string> payload = updates_.payload(record.id);
+    if (!payload) {
+        res.status = record.status = 404;
+        res.set_content("no such payload\n", "text/plain");
+        updates_.addRequest(record);
+        return;
+    }
+    uint64_t size = payload->size();
+    uint64_t first = 0;
+    uint64_t last = size - 1;
+    Range range = ParseRange(record.range, size, first, last);
+    if (range == Range::Unsatisfiable) {
+        res.status = record.status = 416;
+        res.set_header("Content-Range", "bytes */" + std::to_string(size));
+        updates_.addRequest(record);
+        return;
+    }
+
+    PayloadFaults::Action action = faults_.take(record.id);
+    if (action.delayMs > 0 && !pause_(action.delayMs)) {
+        res.status = record.status = 503;
+        record.fault = action.describe() + ", cut short by stop";
+        updates_.addRequest(record);
+        return;
+    }
+    if (action.status != 0) {
+        res.status = record.status = action.status;
+        res.set_content("payload fault\n", "text/plain");
+        record.fault = action.describe();
+        updates_.addRequest(record);
+        return;
+    }
+    uint64_t length = last - first + 1;
+    // A dropped answer announces every byte and breaks off after half of them.
+    uint64_t sending = action.drop ? length / 2 : length;
+    if (sending > 0) {
+        faults_.takeCorrupt(record.id, first, first + sending - 1, action);
+    }
+    res.status = record.status = range == Range::Part ? 206 : 200;
+    if (range == Range::Part) {
+        res.set_header("Content-Range", "bytes " + std::to_string(first) + "-" +
+                                            std::to_string(last) + "/" + std::to_string(size));
+    }
+    record.fault = action.describe();
+
+    auto transfer = std::make_shared<Transfer>();
+    transfer->record = record;
+    transfer->drop = action.drop;
+    auto provide = [payload, first, sending, action, transfer](size_t offset, size_t,
+                                                               httplib::DataSink& sink) {
+        if (offset >= sending) {
+            return false;  // only a dropped answer gets here: httplib closes the connection
+        }
+        size_t chunk = static_cast<size_t>(std::min<uint64_t>(kChunk, sending - offset));
+        uint64_t at = first + offset;
+        const char* data = payload->data() + at;
+        std::string flipped;
+        if (action.corrupt && action.offset >= at && action.offset < at + chunk) {
+            flipped.assign(data, chunk);
+            flipped[action.offset - at] = static_cast<char>(flipped[action.offset - at] ^ 0xff);
+            data = flipped.data();
+        }
+        if (!sink.write(data, chunk)) {
+            return false;
+        }
+        transfer->record.bytes += chunk;
+        return true;
+    };
+    UpdateRegistry& updates = updates_;
+    bool head = req.method == "HEAD";
+    auto done = [&updates, transfer, head](bool success) {
+        PayloadRequest& record = transfer->record;
+        if (!success && !transfer->drop && !head) {
+            record.fault += (record.fault.empty() ? "" : ", ");
+            record.fault += "broken off after " + std::to_string(record.bytes) + " bytes";
+        }
+        updates.addRequest(record);
+    };
+    res.set_content_provider(static_cast<size_t>(length), "application/octet-stream", provide,
+                             done);
+}
+
+}  // namespace ZelCloud
