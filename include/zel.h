@@ -54,6 +54,25 @@ typedef uint32_t ZelSessionState;
 #define ZelSessionStateDisabled 7u
 #define ZelSessionStateUnsupported 8u
 
+/* Software update as reported in ZelStatus.updateState, updateSource and
+ * updatePermission. */
+typedef uint32_t ZelSoftwareUpdateState;
+#define ZelSoftwareUpdateStateNotAvailable 0u
+#define ZelSoftwareUpdateStateFailed 1u
+#define ZelSoftwareUpdateStateAvailable 2u
+#define ZelSoftwareUpdateStateDownloaded 3u
+#define ZelSoftwareUpdateStateConfirmed 4u
+#define ZelSoftwareUpdateStateUnsupported 5u
+
+typedef uint32_t ZelSoftwareUpdateSource;
+#define ZelSoftwareUpdateSourceLocal 0u
+#define ZelSoftwareUpdateSourceNetwork 1u
+
+typedef uint32_t ZelSoftwareUpdatePermission;
+#define ZelSoftwareUpdatePermissionNone 0u
+#define ZelSoftwareUpdatePermissionDownload 1u
+#define ZelSoftwareUpdatePermissionConfirm 2u
+
 /* Consent state as reported in ZelStatus.consentState. */
 #define ZelConsentStateUnsupported 5u
 
@@ -125,6 +144,17 @@ ZEL_API ZelResult ZelSessionInitCodeDigits(uint32_t allowSessionCodeBypass,
 
 /* Ends the remote-support session. */
 ZEL_API ZelResult ZelSessionTerm(void);
+
+/* Asks the cloud for a software update at the next synchronisation. */
+ZEL_API ZelResult ZelCheckForSoftwareUpdate(void);
+
+/* Where updates come from: ZelSoftwareUpdateSourceNetwork (location ignored),
+ * or ZelSoftwareUpdateSourceLocal with the path of a local payload file. */
+ZEL_API ZelResult ZelSetSoftwareUpdateSource(uint32_t source, const char* location);
+
+/* What the agent may do with an offered update: nothing, download it, or
+ * download it and confirm it for installation. */
+ZEL_API ZelResult ZelSetSoftwareUpdatePermission(uint32_t permission);
 
 #ifdef __cplusplus
 }

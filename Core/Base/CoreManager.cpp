@@ -16,6 +16,7 @@
 #include "Core/Platform/TimeManager.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
+#include "SoftwareUpdate/Base/SoftwareUpdateManager.h"
 #include "SupportView/Base/SupportViewManager.h"
 #include "zel.h"
 
@@ -64,7 +65,8 @@ CoreManager& CoreManager::Instance() {
 // Services start in this order and stop in the same order.
 CoreManager::CoreManager()
     : statusSem_(false, CoreMutex()),
-      managers_{&EventManager::Instance(), &Sv::SupportViewManager::Instance()} {}
+      managers_{&EventManager::Instance(), &Sv::SupportViewManager::Instance(),
+                &Su::SoftwareUpdateManager::Instance()} {}
 
 unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
     KeepOpenSslPastExit();

@@ -8,6 +8,7 @@
 #include "Core/Platform/FunctionTrace.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/StringUtil.h"
+#include "SoftwareUpdate/Base/SoftwareUpdateManager.h"
 #include "SupportView/Base/SupportViewManager.h"
 #include "zel.h"
 
@@ -196,6 +197,44 @@ ZEL_API ZelResult ZelSessionTerm(void) {
     return guarded("ZelSessionTerm", __LINE__, [&] {
         ZEL_LOG(ServiceSv, CategoryClibapi, SeverityInfo, "ZelSessionTerm() called");
         return Zel::Sv::SupportViewManager::Instance().sessionTerminate();
+    });
+}
+
+ZEL_API ZelResult ZelCheckForSoftwareUpdate(void) {
+    return guarded("ZelCheckForSoftwareUpdate", __LINE__, [&] {
+        ZEL_LOG(ServiceSu, CategoryClibapi, SeverityInfo, "ZelCheckForSoftwareUpdate() called");
+        return CoreManager::Instance().checkForSoftwareUpdate();
+    });
+}
+
+ZEL_API ZelResult ZelSetSoftwareUpdateSource(uint32_t source, const char* location) {
+    return guarded("ZelSetSoftwareUpdateSource", __LINE__, [&] {
+        if (source > ZelSoftwareUpdateSourceNetwork) {
+            ZEL_LOG(ServiceSu, CategoryClibapi, SeverityWarning,
+                    "ZelSetSoftwareUpdateSource() called with bad source value");
+            return ZelResultBadArgument;
+        }
+        if (source == ZelSoftwareUpdateSourceLocal && location == nullptr) {
+            ZEL_LOG(ServiceSu, CategoryClibapi, SeverityWarning,
+                    "ZelSetSoftwareUpdateSource() called with bad location value");
+            return ZelResultBadArgument;
+        }
+        ZEL_LOG(ServiceSu, CategoryClibapi, SeverityInfo, "ZelSetSoftwareUpdateSource() called");
+        return Zel::Su::SoftwareUpdateManager::Instance().setSource(
+            source, location != nullptr ? location : "", true);
+    });
+}
+
+ZEL_API ZelResult ZelSetSoftwareUpdatePermission(uint32_t permission) {
+    return guarded("ZelSetSoftwareUpdatePermission", __LINE__, [&] {
+        if (permission > ZelSoftwareUpdatePermissionConfirm) {
+            ZEL_LOG(ServiceSu, CategoryClibapi, SeverityWarning,
+                    "ZelSetSoftwareUpdatePermission() called with bad permission value");
+            return ZelResultBadArgument;
+        }
+        ZEL_LOG(ServiceSu, CategoryClibapi, SeverityInfo,
+                "ZelSetSoftwareUpdatePermission() called with permission: %u", permission);
+        return Zel::Su::SoftwareUpdateManager::Instance().setPermission(permission);
     });
 }
 

@@ -146,18 +146,19 @@ private:
     CURLM* multi_;
 };
 
-// Runs the prepared transfer through the request's multi handle, so that a
-// wake-up or the abort flag ends the wait at once.
-CURLcode Transfer(Http::Request& request) {
-    if (!request.multi) {
-        request.multi.reset(curl_multi_init());
-        if (!request.multi) {
+}  // namespace
+
+CURLcode Http::PerformEasy(std::unique_ptr<CURLM, MultiDeleter>& multiHandle, CURL* easy,
+                           const std::atomic<bool>* abort, const std::string& what) {
+    auto aborted = [abort] { return abort != nullptr && abort->load(); };
+    if (!multiHandle) {
+        multiHandle.reset(curl_multi_init());
+        if (!multiHandle) {
             ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError, "curl_multi_init() failed");
             return CURLE_OUT_OF_MEMORY;
         }
     }
-    CURLM* multi = request.multi.get();
-    CURL* easy = request.handle.get();
+    CURLM* multi = multiHandle.get();
     CURLMcode added = curl_multi_add_handle(multi, easy);
     if (added != CURLM_OK) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityError,
@@ -171,7 +172,7 @@ CURLcode Transfer(Http::Request& request) {
         for (;;) {
             // Registered before the first look at the flag: an abort set
             // after this look also wakes the poll below.
-            if (Aborted(request)) {
+            if (aborted()) {
                 break;
             }
             int running = 0;
@@ -205,9 +206,17 @@ CURLcode Transfer(Http::Request& request) {
     // One line whichever noticed the abort: this loop or the progress callback.
     if (result == CURLE_ABORTED_BY_CALLBACK) {
         ZEL_LOG(ServiceCore, CategoryWebservice, SeverityInfo, "Aborting transfer of %s",
-                request.url.c_str());
+                what.c_str());
     }
     return result;
+}
+
+namespace {
+
+// Runs the prepared transfer through the request's multi handle, so that a
+// wake-up or the abort flag ends the wait at once.
+CURLcode Transfer(Http::Request& request) {
+    return Http::PerformEasy(request.multi, request.handle.get(), request.abort, request.url);
 }
 
 template <typename T>

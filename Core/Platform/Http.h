@@ -79,6 +79,11 @@ public:
     static void Terminate();
 
     static bool Perform(Request& request, Response& response);
+    // Runs an easy handle set up by the caller through `multi` (made on first
+    // use and kept), so that WakeAll and `abort` end it at once, as for
+    // Perform. `what` names the transfer in the log.
+    static CURLcode PerformEasy(std::unique_ptr<CURLM, MultiDeleter>& multi, CURL* easy,
+                                const std::atomic<bool>* abort, const std::string& what);
     static void Cleanup(Request& request);
     // Wakes every exchange in flight so that it sees its abort flag now,
     // rather than at libcurl's next progress call, up to a second later.

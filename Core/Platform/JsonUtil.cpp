@@ -145,6 +145,10 @@ bool JsonUtil::GetInt64(const Json::Value& value, int64_t& out) {
     return convertIf(value, out, &Json::Value::isInt64, &Json::Value::asInt64);
 }
 
+bool JsonUtil::GetUInt64(const Json::Value& value, uint64_t& out) {
+    return convertIf(value, out, &Json::Value::isUInt64, &Json::Value::asUInt64);
+}
+
 bool JsonUtil::GetDouble(const Json::Value& value, double& out) {
     return convertIf(value, out, &Json::Value::isNumeric, &Json::Value::asDouble);
 }

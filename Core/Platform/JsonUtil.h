@@ -37,6 +37,7 @@ public:
     static bool GetBool(const Json::Value& value, bool& out);
     static bool GetUInt32(const Json::Value& value, uint32_t& out);
     static bool GetInt64(const Json::Value& value, int64_t& out);
+    static bool GetUInt64(const Json::Value& value, uint64_t& out);
     static bool GetDouble(const Json::Value& value, double& out);
     // A JSON string without an embedded NUL, which would cut the text short
     // wherever it becomes a C string (a path, a header).

@@ -356,6 +356,47 @@ TEST(BadInput, SessionAnswersAndFiles) {
     }
 }
 
+// The power goes while an update is staged, twice; the third start finishes
+// it from what the first two left, and the payload verifies.
+TEST(BadInput, KilledDuringANetworkDownloadResumes) {
+    Json::Value settings = AgentLab::FastSettings();
+    settings["suStagingRetryDelayFixedMs"] = 50;
+    settings["suStagingRetryDelayVariedMs"] = 0;
+    AgentLab lab(settings);
+    ZelCloud::UpdateSpec spec;
+    spec.payload = ZelCloud::GeneratePayload(8 * 16384, 3);
+    spec.blockSize = 16384;
+    spec.version = "5.0.0";
+    ZelCloud::PublishedUpdate update;
+    std::string error;
+    ASSERT_TRUE(lab.cloud().publishUpdate(spec, update, error)) << error;
+    // Slow blocks, so that a kill lands in the middle of the staging.
+    lab.cloud().addPayloadFault({update.id, ZelCloud::PayloadFaults::Kind::Delay, 0, 100, 0, 1000});
+    for (size_t killAfter : {2u, 5u}) {
+        SCOPED_TRACE(killAfter);
+        auto probe = std::make_unique<Probe>(lab);
+        ASSERT_EQ(0, probe->initGood());
+        ASSERT_EQ("update 2", probe->ask("wait-update 2").substr(0, 8));
+        ASSERT_EQ("permission 0", probe->ask("permission 1"));
+        ASSERT_TRUE(lab.cloud().waitForPayloadRequests(killAfter, kBound));
+        probe.reset();  // SIGKILL
+        EXPECT_TRUE(lab.cloud().updateReports().empty());
+    }
+    lab.cloud().clearPayloadFaults();
+    Probe probe(lab);
+    ASSERT_EQ(0, probe.initGood());
+    // The kept offer is verified again before the host is asked.
+    ASSERT_EQ("update 2", probe.ask("wait-update 2").substr(0, 8));
+    ASSERT_EQ("permission 0", probe.ask("permission 1"));
+    EXPECT_EQ("update 3", probe.ask("wait-update 3").substr(0, 8));
+    EXPECT_EQ(spec.payload, ZelTest::ReadFile(lab.stagingFile()));
+    ASSERT_TRUE(lab.cloud().waitForUpdateReports(1, kBound));
+    EXPECT_TRUE(lab.cloud().updateReports()[0].status);
+    EXPECT_LT(lab.cloud().payloadRequests().size(), 8u + 4u) << "blocks were fetched again";
+    EXPECT_LE(0, probe.stop());
+    probe.exit();
+}
+
 TEST(BadInput, NulInThePersistentPath) {
     AgentLab lab;
     ZelTest::TempDir outside;

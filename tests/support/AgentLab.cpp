@@ -57,6 +57,7 @@ AgentLab::AgentLab(const Json::Value& settings) : log_(dir_.file("agent.log")) {
     options.pkiDir = labPki().dir();
     options.port = labPort();
     options.quiet = true;
+    options.payloadPort = 0;
     options.settings = settings;
     cloud_ = std::make_unique<ZelCloud::Cloud>(options);
     if (!cloud_->start()) {
@@ -117,6 +118,25 @@ bool AgentLab::waitForSessionState(uint32_t wanted, std::chrono::milliseconds ti
     return waitForStatus([this, wanted] { return sessionState() == wanted; }, timeout);
 }
 
+bool AgentLab::waitForUpdateState(uint32_t wanted, std::chrono::milliseconds timeout) {
+    return waitForStatus([this, wanted] { return status().updateState == wanted; }, timeout);
+}
+
+AgentLab::Status AgentLab::status() const {
+    ZelStatus raw{};
+    ZelGetStatus(ZelStatusMethodNow, &raw);
+    auto text = [](const char* value) { return std::string(value != nullptr ? value : ""); };
+    Status copy;
+    copy.updateState = raw.updateState;
+    copy.updatePercent = raw.updatePercentDownloaded;
+    copy.updatePermission = raw.updatePermission;
+    copy.updateVersion = text(raw.updateVersion);
+    copy.updateHash = text(raw.updateHash);
+    copy.updateStagingFile = text(raw.updateStagingFile);
+    ZelFreeStatus(&raw);
+    return copy;
+}
+
 bool AgentLab::waitForStatus(const std::function<bool()>& reached,
                              std::chrono::milliseconds timeout) {
     // ZelGetStatus(1) has no time limit of its own: wait on a helper thread.
@@ -131,7 +151,17 @@ bool AgentLab::waitForStatus(const std::function<bool()>& reached,
         return true;
     }
     // The waiter can never be joined now; a hung agent is fatal for the binary.
-    std::fprintf(stderr, "the agent's status never got where the test waited for\n");
+    std::fprintf(stderr, "the agent's status never got where the test waited for; its log ends:\n");
+    // Without the state dumps, which say little here.
+    std::vector<std::string> messages;
+    for (const std::string& message : log_.messages()) {
+        if (message.find("->") == std::string::npos && message.find("  : ") == std::string::npos) {
+            messages.push_back(message);
+        }
+    }
+    for (size_t i = messages.size() > 40 ? messages.size() - 40 : 0; i < messages.size(); ++i) {
+        std::fprintf(stderr, "  %s\n", messages[i].c_str());
+    }
     Pki::RemoveAll();
     std::_Exit(3);
 }

@@ -41,8 +41,15 @@ public:
 
     ZelCloud::Cloud& cloud() { return *cloud_; }
     const std::string& persistentDir() const { return dir_.path(); }
-    // The lab's configuration: its directory and its log at debug severity.
-    ConfigDoc configDoc() const { return ConfigDoc().dirs(dir_.path()).logTo(log_.path()); }
+    // The lab's configuration: its directory, its staging file and its log
+    // at debug severity.
+    ConfigDoc configDoc() const {
+        return ConfigDoc()
+            .dirs(dir_.path())
+            .logTo(log_.path())
+            .set("softwareUpdate", "stagingLocation", stagingFile());
+    }
+    std::string stagingFile() const { return dir_.file("staging.raw"); }
     std::string config() const { return configDoc().text(); }
     const std::string& identity() const;
     const std::string& device() const;
@@ -59,6 +66,17 @@ public:
     uint32_t sessionState() const;
     // The session code the status shows; "" when it shows none.
     std::string sessionInfo() const;
+    bool waitForUpdateState(uint32_t updateState, std::chrono::milliseconds timeout = kPatience);
+    // The whole status, its strings copied.
+    struct Status {
+        uint32_t updateState = 0;
+        uint32_t updatePercent = 0;
+        uint32_t updatePermission = 0;
+        std::string updateVersion;
+        std::string updateHash;
+        std::string updateStagingFile;
+    };
+    Status status() const;
 
     bool waitFor(const ZelCloud::RequestLog::Predicate& predicate) {
         return cloud_->waitFor(predicate, kPatience);
