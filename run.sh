@@ -3,7 +3,8 @@
 # local cloud on loopback and runs zel-host against it for ZEL_RUN_SECONDS
 # (default 30) or until Ctrl-C. zel-host opens a remote-support session; a
 # demo in the background runs a few commands in it through the cloud's
-# control interface, prints their answers and closes the session again.
+# control interface, prints their answers and closes the session again, then
+# publishes an update that zel-host downloads, showing its progress.
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
 "$root/scripts/setup.sh"
@@ -115,9 +116,38 @@ demo() {
   say "closing the session: SIGUSR1 to zel-host"
   kill -USR1 "$host" 2>/dev/null || { say "zel-host is gone; not closing the session"; return 0; }
   if poll 20 retired; then
-    say "session $code is closed; zel-host runs on until its time is up"
+    say "session $code is closed"
   else
     say "session $code still open after 20 s"
+  fi
+  update
+}
+
+reported() {
+  report=$(curl -sS --max-time 3 "http://127.0.0.1:$control/control/update-reports" 2>/dev/null |
+    python3 -c '
+import json, sys
+reports = json.load(sys.stdin)
+last = reports[-1] if reports else None
+print("" if last is None else "success" if last["suStatus"] else "failure: " + last["suDetails"])
+' 2>/dev/null) && [ -n "$report" ]
+}
+# Publishes an update; zel-host answers it with --update-permission and shows
+# the download's progress.
+update() {
+  local answer
+  say "publishing a 4 MiB update 5.0.0 for the device (POST /control/updates)"
+  answer=$(curl -sS --max-time 10 -d '{"version": "5.0.0", "sizeBytes": 4194304,
+      "displayText": "Sharper pictures"}' "http://127.0.0.1:$control/control/updates" 2>&1) ||
+    { say "cannot publish it: $answer"; return 0; }
+  say "$(python3 -c 'import json, sys; u = json.load(sys.stdin)
+print("update %s: %s blocks at %s, sha256 %s" % (u["version"], u["blocks"], u["url"], u["hash"]))' \
+    <<<"$answer" 2>/dev/null || echo "$answer")"
+  say "the cloud offers it with the device's next poll; waiting for its report"
+  if poll 30 reported; then
+    say "the device reported: $report; zel-host runs on until its time is up"
+  else
+    say "no report after 30 s"
   fi
 }
 
@@ -144,7 +174,8 @@ echo "run: zel-host for $seconds seconds against https://FFFFFF0ACC-da.zel.local
 host_status=0
 sh -c 'echo $$ > "$0"; exec "$@"' "$lab/zel-host.pid" "$root/build/tools/host/zel-host" \
   --identity "$lab/pki/identity.json" --config "$lab/config.json" \
-  --device "$lab/pki/device.json" --duration "$seconds" --session || host_status=$?
+  --device "$lab/pki/device.json" --duration "$seconds" --session \
+  --update-permission download || host_status=$?
 if kill -0 "$demo_pid" 2>/dev/null; then
   echo "run: zel-host stopped before the demo was done"
 fi

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # lab-config.sh PERSISTENT_DIR [SEVERITY]: a configuration document for labs
-# that logs the core's activity to the console and lets the cloud open
-# remote-support sessions (POST /control/sessions on zel-cloud).
+# that logs the core's activity to the console, lets the cloud open
+# remote-support sessions (POST /control/sessions on zel-cloud) and stages
+# updates in the same directory.
 set -euo pipefail
 dir=$1
 severity=${2:-info}
@@ -15,6 +16,7 @@ cat <<JSON
 {
   "core": {"persistentPath": "$dir", "temporaryPath": "$dir"},
   "supportView": {"allowRemoteSession": true},
+  "softwareUpdate": {"stagingLocation": "$dir/staging.raw"},
   "loggers": [{"type": "console", "argument": "stdout", "format": "medium", "filters": [$filters]}]
 }
 JSON

@@ -13,10 +13,13 @@ void usage(const char* program) {
     std::fprintf(stderr,
                  "usage: %s --identity FILE --config FILE --device FILE [--duration SECONDS]\n"
                  "          [--test-mode] [--oem-msg TEXT] [--session] [--session-digits N]\n"
+                 "          [--update-permission none|download|confirm] [--update-file FILE]\n"
                  "Runs the agent like a television's firmware would and prints every status\n"
                  "change. Ctrl-C, SIGTERM or the end of --duration stops it cleanly.\n"
                  "  --session           open a remote-support session once the agent can\n"
                  "  --session-digits N  the same with a session code of N digits (4 to 16)\n"
+                 "  --update-permission answer an offered update so (else leave it waiting)\n"
+                 "  --update-file FILE  take updates from this local payload file\n"
                  "SIGUSR1, or typing s and Enter on a terminal, opens a session when there is\n"
                  "none and closes the one there is otherwise.\n",
                  program);
@@ -32,6 +35,16 @@ bool parseUnsigned(const char* text, unsigned& value) {
     }
     value = static_cast<unsigned>(parsed);
     return true;
+}
+bool parsePermission(const std::string& text, unsigned& permission) {
+    static const char* const names[] = {"none", "download", "confirm"};
+    for (unsigned value = 0; value < 3; ++value) {
+        if (text == names[value]) {
+            permission = value;
+            return true;
+        }
+    }
+    return false;
 }
 }  // namespace
 
@@ -56,6 +69,11 @@ bool ParseHostOptions(int argc, char** argv, HostOptions& options) {
             options.hasSessionCodeDigits = true;
             options.sessionCodeDigits = number;
             ++i;
+        } else if (arg == "--update-permission" && hasValue &&
+                   parsePermission(argv[i + 1], options.updatePermission)) {
+            ++i;
+        } else if (arg == "--update-file" && hasValue) {
+            options.updateFile = argv[++i];
         } else if (arg == "--session") {
             options.openSession = true;
         } else if (arg == "--test-mode") {

@@ -14,6 +14,8 @@ struct HostOptions {
     bool openSession = false;           // open a remote-support session once the agent can
     bool hasSessionCodeDigits = false;  // else as many digits as the configuration says
     unsigned sessionCodeDigits = 0;
+    unsigned updatePermission = 3;  // ZelSoftwareUpdatePermission*; 3: never answer
+    std::string updateFile;         // a local payload file to take updates from
 };
 
 // False (after printing why) when the command line cannot be used.

@@ -66,7 +66,7 @@ std::string StatusPrinter::Describe(const ZelStatus& status) {
          << " cloud=" << text(status.cloud) << " deviceId=" << text(status.deviceId)
          << " swVersion=" << text(status.swVersion) << " sdk=" << text(status.sdkVersion)
          << " consentUrl=" << text(status.consentUrl) << " update=" << status.updateState << "/"
-         << status.updateSource << "/" << status.updatePercentDownloaded << "%";
+         << status.updateSource << "/" << status.updatePermission;
     return line.str();
 }
 

@@ -15,6 +15,7 @@
 #include "KeyReader.h"
 #include "SessionSwitch.h"
 #include "StatusPrinter.h"
+#include "UpdateAnswerer.h"
 #include "zel.h"
 
 namespace {
@@ -105,6 +106,14 @@ int main(int argc, char** argv) {
         ZelSetOemMsg(options.oemMsg.c_str());
     }
 
+    if (!options.updateFile.empty()) {
+        ZelResult result =
+            ZelSetSoftwareUpdateSource(ZelSoftwareUpdateSourceLocal, options.updateFile.c_str());
+        std::printf("zel-host: ZelSetSoftwareUpdateSource(Local, %s) returned %u\n",
+                    options.updateFile.c_str(), result);
+    }
+    UpdateAnswerer updates(options.updatePermission);
+
     SessionSwitch sessions;
     if (options.hasSessionCodeDigits) {
         sessions.useCodeDigits(options.sessionCodeDigits);
@@ -126,11 +135,13 @@ int main(int argc, char** argv) {
     ZelGetStatus(ZelStatusMethodNow, &status);
     printer.print(status);
     sessions.observe(status);
+    updates.observe(status);
     ZelFreeStatus(&status);
     for (;;) {
         ZelGetStatus(ZelStatusMethodWaitForChange, &status);
         printer.print(status);
         sessions.observe(status);
+        updates.observe(status);
         bool stopped = stopping && status.state == DeviceAgentStateUninitialized;
         ZelFreeStatus(&status);
         if (stopped) {
