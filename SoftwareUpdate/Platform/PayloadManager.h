@@ -92,6 +92,7 @@ private:
     bool internal(const char* format, ...) __attribute__((format(printf, 2, 3)));
     bool prepareHandle();
     bool startCipher(uint32_t block);
+    bool configureSource(bool resumed);
     bool transferBlock(uint32_t block, bool resumed);
     bool finishBlock(uint32_t block, bool resumed);
     bool writeBlock(uint32_t block);
@@ -113,6 +114,9 @@ private:
     int32_t dstBufCurLen_ = 0;
     int32_t dstTagCurLen_ = 0;
     bool resumedBlock_ = false;  // the block in transfer is read back from the staging file
+    bool debug_ = false;         // debug lines are logged, looked up once per block
+    enum class Source { None, Staging, Payload };
+    Source configured_ = Source::None;  // where the handle points
     int fd_ = -1;
     // The multi handle outlives the easy one, as in Http::Request.
     std::unique_ptr<CURLM, Core::Http::MultiDeleter> multi_;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -26,6 +27,14 @@ constexpr long kFileProtocol = 0x00000400;  // CURLPROTO_FILE, as the log shows 
 constexpr long kWebProtocols = 0x00000003;  // CURLPROTO_HTTP | CURLPROTO_HTTPS
 constexpr long kMaxRedirects = 5;
 }  // namespace
+
+// Per-block lines cost a flag test, not a look at the logger, when debug is off.
+#define ZEL_PAYLOAD_DEBUG(...)                                            \
+    do {                                                                  \
+        if (debug_) {                                                     \
+            ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, __VA_ARGS__); \
+        }                                                                 \
+    } while (0)
 
 bool PayloadManager::refuse(const char* reason, const char* format, ...) {
     va_list args;
@@ -74,6 +83,11 @@ bool PayloadManager::prepareHandle() {
     ZEL_PAYLOAD_SETOPT(CURLOPT_NOSIGNAL, 1L);
     ZEL_PAYLOAD_SETOPT(CURLOPT_WRITEDATA, this);
     ZEL_PAYLOAD_SETOPT(CURLOPT_WRITEFUNCTION, CurlDecryptFunc);
+    // A block in as few reads and callbacks as libcurl allows.
+    long buffer = static_cast<long>(std::min<uint64_t>(
+        static_cast<uint64_t>(metadata_.blockSize) + kTagBytes, CURL_MAX_READ_SIZE));
+    ZEL_PAYLOAD_SETOPT(CURLOPT_BUFFERSIZE, buffer);
+    configured_ = Source::None;
     return true;
 }
 
@@ -173,7 +187,34 @@ bool PayloadManager::startCipher(uint32_t block) {
     return true;
 }
 
-// The range of the block in its source, and where the source is.
+// Points the handle at the staging file or at the payload; done when the
+// source changes, not for every block.
+bool PayloadManager::configureSource(bool resumed) {
+    Source wanted = resumed ? Source::Staging : Source::Payload;
+    if (configured_ == wanted) {
+        return true;
+    }
+    configured_ = Source::None;
+    const std::string& url = resumed ? stagingUrl_ : sourceUrl_;
+    if (resumed || metadata_.local) {
+        ZEL_PAYLOAD_SETOPT(CURLOPT_PROTOCOLS_STR, "file");
+        ZEL_PAYLOAD_SETOPT(CURLOPT_CONNECTTIMEOUT_MS, 0L);
+        ZEL_PAYLOAD_SETOPT(CURLOPT_TIMEOUT_MS, 0L);
+    } else {
+        (void)kWebProtocols;
+        ZEL_PAYLOAD_SETOPT(CURLOPT_PROTOCOLS_STR, "http,https");
+        ZEL_PAYLOAD_SETOPT(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+        ZEL_PAYLOAD_SETOPT(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(staging_.connectTimeoutMs));
+        ZEL_PAYLOAD_SETOPT(CURLOPT_TIMEOUT_MS, static_cast<long>(staging_.messageTimeoutMs));
+    }
+    ZEL_PAYLOAD_SETOPT(CURLOPT_FOLLOWLOCATION, resumed ? 0L : 1L);
+    ZEL_PAYLOAD_SETOPT(CURLOPT_MAXREDIRS, kMaxRedirects);
+    ZEL_PAYLOAD_SETOPT(CURLOPT_URL, url.c_str());
+    configured_ = wanted;
+    return true;
+}
+
+// The block's range in its source, fetched with the retries it is allowed.
 bool PayloadManager::transferBlock(uint32_t block, bool resumed) {
     char range[64];
     const std::string& url = resumed ? stagingUrl_ : sourceUrl_;
@@ -181,38 +222,21 @@ bool PayloadManager::transferBlock(uint32_t block, bool resumed) {
         uint64_t start = static_cast<uint64_t>(block) * metadata_.blockSize;
         snprintf(range, sizeof range, "%llu-%llu", static_cast<unsigned long long>(start),
                  static_cast<unsigned long long>(start + dstBufMaxLen_ - 1));
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, "Resumed CURLOPT_URL value: \"%s\"",
-                url.c_str());
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, "Resumed CURLOPT_RANGE value: \"%s\"",
-                range);
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, "Resumed CURLOPT_PROTOCOLS value: 0x%08x",
-                static_cast<unsigned>(kFileProtocol));
-        ZEL_PAYLOAD_SETOPT(CURLOPT_PROTOCOLS_STR, "file");
+        ZEL_PAYLOAD_DEBUG("Resumed CURLOPT_URL value: \"%s\"", url.c_str());
+        ZEL_PAYLOAD_DEBUG("Resumed CURLOPT_RANGE value: \"%s\"", range);
+        ZEL_PAYLOAD_DEBUG("Resumed CURLOPT_PROTOCOLS value: 0x%08x",
+                          static_cast<unsigned>(kFileProtocol));
     } else {
         // Kept in 32 bits on purpose: the source format is limited so.
         uint32_t start = srcOffset_ + block * (metadata_.blockSize + kTagBytes);
         snprintf(range, sizeof range, "%llu-%llu", static_cast<unsigned long long>(start),
                  static_cast<unsigned long long>(start) + dstBufMaxLen_ + kTagBytes - 1);
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, "Encrypted CURLOPT_URL value: \"%s\"",
-                url.c_str());
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, "Encrypted CURLOPT_RANGE value: \"%s\"",
-                range);
-        ZEL_PAYLOAD_SETOPT(CURLOPT_FOLLOWLOCATION, 1L);
-        ZEL_PAYLOAD_SETOPT(CURLOPT_MAXREDIRS, kMaxRedirects);
-        if (metadata_.local) {
-            ZEL_PAYLOAD_SETOPT(CURLOPT_PROTOCOLS_STR, "file");
-            ZEL_PAYLOAD_SETOPT(CURLOPT_CONNECTTIMEOUT_MS, 0L);
-            ZEL_PAYLOAD_SETOPT(CURLOPT_TIMEOUT_MS, 0L);
-        } else {
-            (void)kWebProtocols;
-            ZEL_PAYLOAD_SETOPT(CURLOPT_PROTOCOLS_STR, "http,https");
-            ZEL_PAYLOAD_SETOPT(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-            ZEL_PAYLOAD_SETOPT(CURLOPT_CONNECTTIMEOUT_MS,
-                               static_cast<long>(staging_.connectTimeoutMs));
-            ZEL_PAYLOAD_SETOPT(CURLOPT_TIMEOUT_MS, static_cast<long>(staging_.messageTimeoutMs));
-        }
+        ZEL_PAYLOAD_DEBUG("Encrypted CURLOPT_URL value: \"%s\"", url.c_str());
+        ZEL_PAYLOAD_DEBUG("Encrypted CURLOPT_RANGE value: \"%s\"", range);
     }
-    ZEL_PAYLOAD_SETOPT(CURLOPT_URL, url.c_str());
+    if (!configureSource(resumed)) {
+        return false;
+    }
     ZEL_PAYLOAD_SETOPT(CURLOPT_RANGE, range);
 
     const bool network = !resumed && !metadata_.local;
@@ -325,9 +349,9 @@ bool PayloadManager::writeBlock(uint32_t block) {
     while (position < dstBufCurLen_) {
         ssize_t written = pwrite(fd_, buffer_.get() + position,
                                  static_cast<size_t>(dstBufCurLen_ - position), offset + position);
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug,
-                "Staging %d bytes to position %d at offset %lli", static_cast<int>(written),
-                static_cast<int>(position), static_cast<long long>(offset + position));
+        ZEL_PAYLOAD_DEBUG("Staging %d bytes to position %d at offset %lli",
+                          static_cast<int>(written), static_cast<int>(position),
+                          static_cast<long long>(offset + position));
         if (written <= 0) {
             return internal("staging file cannot be written for block %u", block);
         }
@@ -347,6 +371,7 @@ bool PayloadManager::downloadNextBlock() {
     if (block >= metadata_.totalBlocks) {
         return internal("staging cannot be requested on a completed file");
     }
+    debug_ = Logger::Instance().test(ServiceSu, CategoryFlow, SeverityDebug);
     uint64_t rest = metadata_.totalSize % metadata_.blockSize;
     bool last = block + 1 == metadata_.totalBlocks;
     dstBufMaxLen_ = static_cast<int32_t>(last && rest != 0 ? rest : metadata_.blockSize);
@@ -367,8 +392,8 @@ size_t PayloadManager::CurlDecryptFunc(char* data, size_t size, size_t nmemb, vo
 }
 
 size_t PayloadManager::receive(const char* data, size_t n) {
-    ZEL_LOG(ServiceSu, CategoryFlow, SeverityDebug, "Received %u bytes for block %u at offset %u",
-            static_cast<unsigned>(n), currentBlock_, static_cast<unsigned>(dstBufCurLen_));
+    ZEL_PAYLOAD_DEBUG("Received %u bytes for block %u at offset %u", static_cast<unsigned>(n),
+                      currentBlock_, static_cast<unsigned>(dstBufCurLen_));
     if (failure_.failure) {
         return 0;
     }
