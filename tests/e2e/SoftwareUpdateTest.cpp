@@ -311,3 +311,29 @@ TEST_F(SoftwareUpdate, InstalledUpdateIsNotStagedAgain) {
     EXPECT_EQ(ZelSoftwareUpdateStateNotAvailable, lab.status().updateState);
     EXPECT_TRUE(lab.cloud().updateReports().empty());
 }
+
+TEST_F(SoftwareUpdate, FactoryResetsForgetTheStagedUpdate) {
+    for (bool offline : {false, true}) {
+        SCOPED_TRACE(offline ? "offline" : "running");
+        AgentLab& lab = this->lab(fastSu());
+        ASSERT_EQ(ZelResultSuccess, lab.init());
+        publish(lab, payloadOf(kBlock));
+        ASSERT_TRUE(lab.waitForUpdateState(ZelSoftwareUpdateStateAvailable));
+        ASSERT_EQ(ZelResultSuccess,
+                  ZelSetSoftwareUpdatePermission(ZelSoftwareUpdatePermissionDownload));
+        ASSERT_TRUE(lab.waitForUpdateState(ZelSoftwareUpdateStateDownloaded));
+        ASSERT_TRUE(exists(lab.stagingFile()));
+        if (offline) {
+            ASSERT_TRUE(lab.term());
+            ASSERT_EQ(ZelResultSuccess, ZelFactoryResetOffline(lab.config().c_str()));
+        } else {
+            ASSERT_EQ(ZelResultSuccess, ZelFactoryReset());
+            ASSERT_TRUE(lab.waitForState(DeviceAgentStateUninitialized));
+        }
+        EXPECT_FALSE(exists(lab.stagingFile()));
+        // Nothing of the update is taken up again.
+        ASSERT_EQ(ZelResultSuccess, lab.init());
+        ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
+        EXPECT_EQ(ZelSoftwareUpdateStateNotAvailable, lab.status().updateState);
+    }
+}
