@@ -8,6 +8,7 @@
 
 #include "tools/cloud/ControlServer.h"
 #include "tools/cloud/DaService.h"
+#include "tools/cloud/DrmpService.h"
 #include "tools/cloud/PayloadServer.h"
 #include "tools/cloud/SuService.h"
 #include "tools/cloud/SvService.h"
@@ -76,6 +77,7 @@ void Cloud::registerServices() {
     sv_ = sv.get();
     addService(std::move(sv));
     addService(std::make_unique<SuService>(devices_, updates_));
+    addService(std::make_unique<DrmpService>(devices_, settings_, drmp_));
 }
 
 void Cloud::addService(std::unique_ptr<Service> service) {
@@ -399,6 +401,30 @@ bool Cloud::publishUpdate(const UpdateSpec& spec, PublishedUpdate& published, st
         // The agent takes a string parameter as the event's text: the token.
         queueEvent("softwareupdate", Json::Value(published.token), std::nullopt, published.device);
     }
+    return true;
+}
+
+void Cloud::setDrmpKey(const std::string& device, int64_t index, const std::string& keyBytes) {
+    drmp_.setKey(device, DrmpRegistry::Key{index, keyBytes});
+}
+
+bool Cloud::setDrmpKey(const Json::Value& fields, std::string& error) {
+    std::string device;
+    DrmpRegistry::Key key;
+    if (!DrmpRegistry::KeyFromJson(fields, device, key, error)) {
+        return false;
+    }
+    drmp_.setKey(device, key);
+    return true;
+}
+
+bool Cloud::queueDrmpOperations(const Json::Value& operations, std::string& error,
+                                const std::string& device) {
+    std::vector<Json::Value> list;
+    if (!DrmpRegistry::OperationsFromJson(operations, list, error)) {
+        return false;
+    }
+    drmp_.queue(device, list);
     return true;
 }
 

@@ -15,6 +15,7 @@
 
 #include "tools/cloud/CloudSettings.h"
 #include "tools/cloud/DeviceRegistry.h"
+#include "tools/cloud/DrmpRegistry.h"
 #include "tools/cloud/FaultPlan.h"
 #include "tools/cloud/PayloadFaults.h"
 #include "tools/cloud/RecordedRequest.h"
@@ -159,6 +160,36 @@ public:
         return updates_.waitForInFlight(count, timeout);
     }
 
+    // Secure-object provisioning. A key for an empty device is the key of every
+    // device without its own; a device is its common name or its device id. A
+    // device whose key is unknown gets a token unchecked.
+    void setDrmpKey(const std::string& device, int64_t index, const std::string& keyBytes);
+    // {"device"?, "index", "key": hex}
+    bool setDrmpKey(const Json::Value& fields, std::string& error);
+    // Queues one operation (an object) or several (an array), handed out once, in
+    // order, by the device's next work call; "valueText" stands for "value" as
+    // plain text. An empty device is the one that called last, or, before any
+    // has, whichever asks next. False, with the reason, for a bad operation.
+    bool queueDrmpOperations(const Json::Value& operations, std::string& error,
+                             const std::string& device = "");
+    // Per device: token, deviceId, key known, seqNum, supported names, queued
+    // operations, object states, results and token calls.
+    Json::Value drmp() const { return drmp_.toJson(); }
+    // The results a device reported (every device's, in order, when empty).
+    std::vector<DrmpRegistry::Result> drmpResults(const std::string& device = "") const {
+        return drmp_.results(device);
+    }
+    bool waitForDrmpResults(size_t count, std::chrono::milliseconds timeout,
+                            const std::string& device = "") const {
+        return drmp_.waitForResults(count, timeout, device);
+    }
+    // Waits until the predicate holds for drmp(); checked on every change, locked,
+    // so the predicate must not call back into the cloud.
+    bool waitForDrmp(const DrmpRegistry::Predicate& predicate,
+                     std::chrono::milliseconds timeout) const {
+        return drmp_.waitFor(predicate, timeout);
+    }
+
     std::vector<RecordedRequest> requests() const { return log_.snapshot(); }
     void clearRequests() { log_.clear(); }
     Json::Value devices() const { return devices_.toJson(); }
@@ -189,6 +220,7 @@ private:
     DeviceRegistry devices_;
     SessionRegistry sessions_;
     UpdateRegistry updates_;
+    DrmpRegistry drmp_;
     PayloadFaults payloadFaults_;
     std::map<std::string, std::unique_ptr<Service>> services_;
     DaService* da_ = nullptr;

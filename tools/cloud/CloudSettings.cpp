@@ -30,6 +30,15 @@ Json::Value CloudSettings::Defaults() {
     keys["suStagingMessageTimeoutMs"] = 20000;
     keys["suStagingRetryDelayFixedMs"] = 2000;
     keys["suStagingRetryDelayVariedMs"] = 1000;
+    // Handed out by drmp work answers without the "drmp" prefix.
+    keys["drmpConnectTimeoutMs"] = 10000;
+    keys["drmpMessageTimeoutMs"] = 20000;
+    keys["drmpPollDelayFixedMs"] = 5000;
+    keys["drmpPollDelayVariedMs"] = 1000;
+    keys["drmpRetryDelayFixedMs"] = 2000;
+    keys["drmpRetryDelayVariedMs"] = 1000;
+    keys["drmpStartupDelayFixedMs"] = 0;
+    keys["drmpStartupDelayVariedMs"] = 0;
     return keys;
 }
 

@@ -177,6 +177,46 @@ void ControlServer::route() {
         Answer(res, 200, answer);
     });
     routeUpdates();
+    routeDrmp();
+}
+
+void ControlServer::routeDrmp() {
+    httplib::Server& server = *server_;
+    server.Post("/control/drmp/keys", [this](const httplib::Request& req, httplib::Response& res) {
+        Json::Value body;
+        std::string error;
+        if (!ParseBody(req, res, body)) {
+            return;
+        }
+        if (!cloud_.setDrmpKey(body, error)) {
+            Fail(res, 400, error);
+            return;
+        }
+        Ok(res);
+    });
+    server.Post("/control/drmp/operations",
+                [this](const httplib::Request& req, httplib::Response& res) {
+                    Json::Value body;
+                    std::string error;
+                    if (!ParseBody(req, res, body)) {
+                        return;
+                    }
+                    const Json::Value& device = body["device"];
+                    if (!device.isNull() && !device.isString()) {
+                        Fail(res, 400, "\"device\" must be a string");
+                        return;
+                    }
+                    if (!cloud_.queueDrmpOperations(body["operations"], error, device.asString())) {
+                        Fail(res, 400, error);
+                        return;
+                    }
+                    Json::Value answer(Json::objectValue);
+                    answer["queued"] = body["operations"].isArray() ? body["operations"].size() : 1;
+                    Answer(res, 200, answer);
+                });
+    server.Get("/control/drmp", [this](const httplib::Request&, httplib::Response& res) {
+        Answer(res, 200, cloud_.drmp());
+    });
 }
 
 void ControlServer::routeUpdates() {

@@ -30,6 +30,7 @@ public:
 private:
     void route();
     void routeUpdates();
+    void routeDrmp();
 
     Cloud& cloud_;
     std::unique_ptr<httplib::Server> server_;

@@ -6,6 +6,8 @@ add_library(zel_cloud STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ControlServer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DaService.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DeviceRegistry.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DrmpRegistry.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DrmpService.cpp
   ${CMAKE_CURRENT_LIST_DIR}/FaultPlan.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PayloadFaults.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PayloadServer.cpp
