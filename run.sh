@@ -4,7 +4,8 @@
 # (default 30) or until Ctrl-C. zel-host opens a remote-support session; a
 # demo in the background runs a few commands in it through the cloud's
 # control interface, prints their answers and closes the session again, then
-# publishes an update that zel-host downloads, showing its progress.
+# publishes an update that zel-host downloads, showing its progress, and
+# provisions one secure object.
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
 "$root/scripts/setup.sh"
@@ -145,9 +146,37 @@ print("update %s: %s blocks at %s, sha256 %s" % (u["version"], u["blocks"], u["u
     <<<"$answer" 2>/dev/null || echo "$answer")"
   say "the cloud offers it with the device's next poll; waiting for its report"
   if poll 30 reported; then
-    say "the device reported: $report; zel-host runs on until its time is up"
+    say "the device reported: $report"
   else
     say "no report after 30 s"
+  fi
+  provision
+}
+
+provisioned() {
+  outcome=$(curl -sS --max-time 3 "http://127.0.0.1:$control/control/drmp" 2>/dev/null |
+    python3 -c '
+import json, sys
+for device in json.load(sys.stdin)["devices"]:
+    states = {o["name"]: o["state"] for o in device["objects"]}
+    for r in device["results"]:
+        print("%s %s: %s, now %s" % (r["name"], r["operation"],
+              "success" if r["success"] else "failure", states.get(r["name"], "gone")))
+' 2>/dev/null) && [ -n "$outcome" ]
+}
+# Queues one object for the emulated secure core; the agent installs it at
+# its next work call and reports it at the one after.
+provision() {
+  local answer
+  say "queueing the object \"widevine\" for the device (POST /control/drmp/operations)"
+  answer=$(curl -sS --max-time 3 -d '{"operations": [{"name": "widevine", "operation": "install",
+      "encryptionType": "aes", "valueText": "a provisioned secret", "id": "wv-1"}]}' \
+      "http://127.0.0.1:$control/control/drmp/operations" 2>&1) ||
+    { say "cannot queue it: $answer"; return 0; }
+  if poll 30 provisioned; then
+    say "the device reported: $outcome; zel-host runs on until its time is up"
+  else
+    say "no provisioning result after 30 s"
   fi
 }
 
@@ -155,7 +184,10 @@ print("update %s: %s blocks at %s, sha256 %s" % (u["version"], u["blocks"], u["u
 mkdir -p "$lab/data"
 "$root/scripts/lab-config.sh" "$lab/data" > "$lab/config.json"
 
+# Provisioning polls a little faster than in the field, for the demo's sake.
+echo '{"drmpPollDelayFixedMs": 2000, "drmpPollDelayVariedMs": 500}' > "$lab/settings.json"
 "$root/build/tools/cloud/zel-cloud" --pki "$lab/pki" --port "$port" --control-port "$control" \
+  --settings "$lab/settings.json" \
   --duration $((seconds + 30)) > >(sed -u 's/^/[cloud] /') 2>&1 &
 cloud_pid=$!
 # The cloud says when it listens; give it a few seconds at most.
@@ -163,6 +195,11 @@ for _ in $(seq 50); do
   if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then break; fi
   sleep 0.1
 done
+
+# The lab device's unique key, so that the cloud checks its token call.
+curl -sS --max-time 3 -d '{"index": 1, "key": "000102030405060708090a0b0c0d0e0f"}' \
+  "http://127.0.0.1:$control/control/drmp/keys" >/dev/null ||
+  echo "run: the cloud did not take the device key"
 
 demo &
 demo_pid=$!

@@ -156,6 +156,9 @@ ZEL_API ZelResult ZelSetSoftwareUpdateSource(uint32_t source, const char* locati
  * download it and confirm it for installation. */
 ZEL_API ZelResult ZelSetSoftwareUpdatePermission(uint32_t permission);
 
+/* Asks the provisioning service for work at once. */
+ZEL_API ZelResult ZelCheckForDrmpUpdate(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -16,6 +16,7 @@
 #include "Core/Platform/TimeManager.h"
 #include "Core/Project/DeviceValues.h"
 #include "Core/Project/ProductIdentity.h"
+#include "Drmp/Base/DrmpManager.h"
 #include "SoftwareUpdate/Base/SoftwareUpdateManager.h"
 #include "SupportView/Base/SupportViewManager.h"
 #include "zel.h"
@@ -66,7 +67,7 @@ CoreManager& CoreManager::Instance() {
 CoreManager::CoreManager()
     : statusSem_(false, CoreMutex()),
       managers_{&EventManager::Instance(), &Sv::SupportViewManager::Instance(),
-                &Su::SoftwareUpdateManager::Instance()} {}
+                &Su::SoftwareUpdateManager::Instance(), &Drmp::DrmpManager::Instance()} {}
 
 unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
     KeepOpenSslPastExit();

@@ -8,6 +8,7 @@
 #include "Core/Platform/FunctionTrace.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/StringUtil.h"
+#include "Drmp/Base/DrmpManager.h"
 #include "SoftwareUpdate/Base/SoftwareUpdateManager.h"
 #include "SupportView/Base/SupportViewManager.h"
 #include "zel.h"
@@ -235,6 +236,13 @@ ZEL_API ZelResult ZelSetSoftwareUpdatePermission(uint32_t permission) {
         ZEL_LOG(ServiceSu, CategoryClibapi, SeverityInfo,
                 "ZelSetSoftwareUpdatePermission() called with permission: %u", permission);
         return Zel::Su::SoftwareUpdateManager::Instance().setPermission(permission);
+    });
+}
+
+ZEL_API ZelResult ZelCheckForDrmpUpdate(void) {
+    return guarded("ZelCheckForDrmpUpdate", __LINE__, [&] {
+        ZEL_LOG(ServiceDrmp, CategoryClibapi, SeverityInfo, "ZelCheckForDrmpUpdate() called");
+        return Zel::Drmp::DrmpManager::Instance().checkForDrmpUpdate();
     });
 }
 

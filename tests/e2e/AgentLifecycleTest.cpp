@@ -126,12 +126,12 @@ TEST_F(AgentLifecycle, LostValuesFileRecoversTheTokenInsteadOfANewIdentity) {
     std::string token = lab.cloud().device(AgentLab::DeviceCn())->gidToken;
 
     Zel::Core::FileUtil::Drop(lab.persistentDir(), "coreValues");
-    size_t before = lab.cloud().requests().size();
+    size_t before = lab.requests("da/").size();
     ASSERT_EQ(ZelResultSuccess, lab.init());
     ASSERT_TRUE(lab.waitForCalls("da/notification", 2));
     ASSERT_TRUE(lab.term());
 
-    std::vector<ZelCloud::RecordedRequest> requests = lab.cloud().requests();
+    std::vector<ZelCloud::RecordedRequest> requests = lab.requests("da/");
     EXPECT_EQ(1u, lab.logCount("Token Recovery Activated"));
     EXPECT_EQ(1u, lab.calls("da/gidtoken").size());
     ASSERT_GT(requests.size(), before);

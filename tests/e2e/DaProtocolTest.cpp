@@ -58,6 +58,17 @@ std::vector<std::string> daHeaders(const RecordedRequest& request) {
     return ours;
 }
 
+// The core's own calls, without those of the other services.
+std::vector<RecordedRequest> daOnly(const std::vector<RecordedRequest>& all) {
+    std::vector<RecordedRequest> da;
+    for (const RecordedRequest& request : all) {
+        if (request.path.rfind("/api/v1/da/", 0) == 0) {
+            da.push_back(request);
+        }
+    }
+    return da;
+}
+
 // ZelGetStatus(1) on a thread of its own; gives the test mode it reports.
 std::future<uint32_t> statusWaiter() {
     return std::async(std::launch::async, [] {
@@ -76,12 +87,12 @@ TEST_F(DaProtocol, FreshStartObtainsIdentitySynchronisesThenPolls) {
     ASSERT_TRUE(lab.waitForCalls("da/notification", 2));
     ASSERT_TRUE(lab.term());
 
-    std::vector<std::string> paths = lab.paths();
+    std::vector<std::string> paths = lab.paths("da/");
     paths.resize(4);
     EXPECT_EQ(
         (std::vector<std::string>{"da/gidtoken", "da/state", "da/notification", "da/notification"}),
         paths);
-    std::vector<RecordedRequest> requests = lab.cloud().requests();
+    std::vector<RecordedRequest> requests = lab.requests("da/");
     std::string token = lab.cloud().device(AgentLab::DeviceCn())->gidToken;
     for (size_t i = 0; i < 4; ++i) {
         SCOPED_TRACE(paths[i]);
@@ -163,7 +174,8 @@ TEST_F(DaProtocol, FailedCallsAreRetriedAfterTheRetryDelayAsTheirStatusSays) {
             ASSERT_TRUE(lab.cloud().desynchronize(AgentLab::DeviceCn()));
         }
         size_t first = 0;
-        ASSERT_TRUE(lab.waitFor([&](const std::vector<RecordedRequest>& requests) {
+        ASSERT_TRUE(lab.waitFor([&](const std::vector<RecordedRequest>& all) {
+            std::vector<RecordedRequest> requests = daOnly(all);
             while (first < requests.size() && requests[first].note.rfind("fault", 0) != 0) {
                 ++first;
             }
@@ -171,7 +183,7 @@ TEST_F(DaProtocol, FailedCallsAreRetriedAfterTheRetryDelayAsTheirStatusSays) {
         }));
         ASSERT_TRUE(lab.term());
 
-        std::vector<RecordedRequest> requests = lab.cloud().requests();
+        std::vector<RecordedRequest> requests = lab.requests("da/");
         std::vector<std::string> calls;
         for (size_t i = first - 1; i < first - 1 + row.calls.size(); ++i) {
             calls.push_back(requests[i].path.substr(8) + " " + std::to_string(requests[i].status));
@@ -193,7 +205,7 @@ TEST_F(DaProtocol, ThreeUnsynchronisedAnswersImposeOneRetryDelay) {
     ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
     ASSERT_TRUE(lab.term());
 
-    std::vector<std::string> paths = lab.paths();
+    std::vector<std::string> paths = lab.paths("da/");
     paths.resize(7);
     EXPECT_EQ((std::vector<std::string>{"da/gidtoken", "da/state", "da/state", "da/state",
                                         "da/state", "da/state", "da/notification"}),

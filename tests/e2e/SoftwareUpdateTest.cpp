@@ -118,6 +118,7 @@ TEST_F(SoftwareUpdate, PermissionDecidesWhatIsStagedAndConfirmed) {
     // Downloaded first, confirmed later.
     AgentLab& second = this->lab(fastSu());
     ASSERT_EQ(ZelResultSuccess, second.init());
+    ASSERT_TRUE(second.waitForCalls("da/notification", 1));
     publish(second, payload);
     ASSERT_TRUE(second.waitForUpdateState(ZelSoftwareUpdateStateAvailable));
     ASSERT_EQ(ZelResultSuccess,
@@ -148,6 +149,7 @@ TEST_F(SoftwareUpdate, RefusedPayloadIsReportedAndRemoved) {
         SCOPED_TRACE(c.what);
         AgentLab& lab = this->lab(fastSu());
         ASSERT_EQ(ZelResultSuccess, lab.init());
+        ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
         ZelCloud::PublishedUpdate update = publish(lab, payloadOf(2 * kBlock), "5.0.0", false);
         lab.cloud().addPayloadFault(payloadFault(update.id, c.kind, c.status, 0, 100));
         lab.cloud().queueEvent("softwareupdate", update.token, std::nullopt, AgentLab::DeviceCn());
@@ -314,6 +316,7 @@ TEST_F(SoftwareUpdate, FactoryResetsForgetTheStagedUpdate) {
         SCOPED_TRACE(offline ? "offline" : "running");
         AgentLab& lab = this->lab(fastSu());
         ASSERT_EQ(ZelResultSuccess, lab.init());
+        ASSERT_TRUE(lab.waitForCalls("da/notification", 1));
         publish(lab, payloadOf(kBlock));
         ASSERT_TRUE(lab.waitForUpdateState(ZelSoftwareUpdateStateAvailable));
         ASSERT_EQ(ZelResultSuccess,

@@ -185,9 +185,19 @@ bool AgentLab::waitForCalls(const std::string& path, size_t count,
         timeout);
 }
 
-std::vector<std::string> AgentLab::paths() const {
-    std::vector<std::string> result;
+std::vector<ZelCloud::RecordedRequest> AgentLab::requests(const std::string& prefix) const {
+    std::vector<ZelCloud::RecordedRequest> result;
     for (const auto& request : cloud_->requests()) {
+        if (request.path.rfind(kApi + prefix, 0) == 0 || prefix.empty()) {
+            result.push_back(request);
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> AgentLab::paths(const std::string& prefix) const {
+    std::vector<std::string> result;
+    for (const auto& request : requests(prefix)) {
         bool api = request.path.rfind(kApi, 0) == 0;
         result.push_back(api ? request.path.substr(std::string(kApi).size()) : request.path);
     }

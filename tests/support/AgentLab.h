@@ -84,8 +84,10 @@ public:
     // Waits until the cloud has seen `count` calls of `path` ("da/state") in all.
     bool waitForCalls(const std::string& path, size_t count,
                       std::chrono::milliseconds timeout = kPatience);
-    // Paths below "/api/v1/" of every request so far, in order.
-    std::vector<std::string> paths() const;
+    // Paths below "/api/v1/" of every request so far whose path there
+    // starts with `prefix` ("da/": the core's calls only), in order.
+    std::vector<std::string> paths(const std::string& prefix = "") const;
+    std::vector<ZelCloud::RecordedRequest> requests(const std::string& prefix = "") const;
     std::vector<ZelCloud::RecordedRequest> calls(const std::string& path) const;
 
     const LogFile& log() const { return log_; }
