@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "Core/Platform/FileUtil.h"
 #include "support/AgentLab.h"
 
 using ZelCloud::FaultPlan;
@@ -231,4 +232,16 @@ TEST_F(Drmp, SecureLibraryIsBoundAtRunTime) {
     EXPECT_EQ(-1, device(missing)["tokenCalls"][0]["index"].asInt());
     EXPECT_EQ(1u, missing.logCount("DrmpSecureGetObjectName fail \n"));
     unsetenv("ZEL_SECURE_SAMPLE_DIR");
+}
+
+TEST_F(Drmp, CheckNeedsARunningAgentAndAFutureTimeIsNotBelieved) {
+    EXPECT_EQ(ZelResultNotInitialized, ZelCheckForDrmpUpdate());
+    AgentLab& lab = this->lab(fastDrmp());
+    // A last work call in the future would hold the first one back for a year.
+    std::string year =
+        R"({"sec": )" + std::to_string(time(nullptr) + 365 * 24 * 3600) + R"(, "nsec": 0})";
+    ASSERT_TRUE(Zel::Core::FileUtil::Store(lab.persistentDir(), "drmpTime", year));
+    start(lab, emulated(lab));
+    ASSERT_TRUE(waitForWorkCalls(lab, 1));
+    EXPECT_NE("", lab.log().find("Problem reading " + lab.persistentDir() + "/drmpTime"));
 }
