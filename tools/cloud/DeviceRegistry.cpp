@@ -1,25 +1,15 @@
 #include "tools/cloud/DeviceRegistry.h"
 
-#include <openssl/rand.h>
-
-#include <cstdio>
+#include "tools/cloud/Service.h"
 
 namespace ZelCloud {
 
 namespace {
 
+// 24 random bytes as hex; empty when the random source fails.
 std::string RandomToken() {
-    unsigned char bytes[24];
-    if (RAND_bytes(bytes, sizeof(bytes)) != 1) {
-        return {};
-    }
     std::string token;
-    char hex[3];
-    for (unsigned char byte : bytes) {
-        snprintf(hex, sizeof(hex), "%02x", byte);
-        token += hex;
-    }
-    return token;
+    return RandomHex(24, token) ? token : std::string();
 }
 
 Json::Value QueuedToJson(const DeviceRegistry::Event& event) {

@@ -3,12 +3,11 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <openssl/rand.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "tools/cloud/RecordedRequest.h"
+#include "tools/cloud/Service.h"
 
 namespace ZelCloud {
 
@@ -16,18 +15,10 @@ namespace {
 
 constexpr size_t kMaxKeyBytes = 1024;  // what the device's buffer holds
 
+// 24 random bytes as hex; empty when the random source fails.
 std::string RandomToken() {
-    unsigned char bytes[24];
-    if (RAND_bytes(bytes, sizeof(bytes)) != 1) {
-        return {};
-    }
     std::string token;
-    char hex[3];
-    for (unsigned char byte : bytes) {
-        snprintf(hex, sizeof(hex), "%02x", byte);
-        token += hex;
-    }
-    return token;
+    return RandomHex(24, token) ? token : std::string();
 }
 
 int HexValue(char c) {

@@ -2,9 +2,27 @@
 
 #include <json/reader.h>
 
+#include <openssl/rand.h>
+
+#include <cstdio>
 #include <memory>
+#include <vector>
 
 namespace ZelCloud {
+
+bool RandomHex(size_t bytes, std::string& text) {
+    std::vector<unsigned char> random(bytes);
+    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
+        return false;
+    }
+    text.clear();
+    char hex[3];
+    for (unsigned char byte : random) {
+        snprintf(hex, sizeof(hex), "%02x", byte);
+        text += hex;
+    }
+    return true;
+}
 
 bool ParseObject(const std::string& text, Json::Value& value) {
     Json::CharReaderBuilder builder;

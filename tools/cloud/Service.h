@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -25,6 +26,10 @@ struct ServiceResponse {
     Json::Value body{Json::objectValue};
     std::string note;  // a few words for the request log
 };
+
+// `bytes` random bytes as lower-case hex, for tokens; false when the random
+// source fails.
+bool RandomHex(size_t bytes, std::string& text);
 
 // A body that parses as a JSON object; false for anything else.
 bool ParseObject(const std::string& text, Json::Value& value);

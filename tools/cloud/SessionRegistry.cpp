@@ -8,24 +8,11 @@
 #include <memory>
 
 #include "tools/cloud/RecordedRequest.h"
+#include "tools/cloud/Service.h"
 
 namespace ZelCloud {
 
 namespace {
-
-bool RandomHex(size_t bytes, std::string& text) {
-    std::vector<unsigned char> random(bytes);
-    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
-        return false;
-    }
-    text.clear();
-    char hex[3];
-    for (unsigned char byte : random) {
-        snprintf(hex, sizeof(hex), "%02x", byte);
-        text += hex;
-    }
-    return true;
-}
 
 bool RandomDigits(unsigned count, std::string& digits) {
     digits.clear();
