@@ -22,8 +22,9 @@ constexpr size_t kMaxEntries = 256;
 DrmpPersistentValues::DrmpPersistentValues(const CoreConfig* config)
     : PersistentBase(config, "drmpValues", "drmpToken") {}
 
+// Never destroyed: DrmpControl may read it while a host returns from main.
 const std::vector<DrmpPersistentValues::Field>& DrmpPersistentValues::Fields() {
-    static const std::vector<Field> fields = {
+    static const std::vector<Field>* fields = new std::vector<Field>{
         {"connectTimeoutMs", &DrmpPersistentValues::connectTimeoutMs},
         {"messageTimeoutMs", &DrmpPersistentValues::messageTimeoutMs},
         {"retryDelayFixedMs", &DrmpPersistentValues::retryDelayFixedMs},
@@ -33,7 +34,7 @@ const std::vector<DrmpPersistentValues::Field>& DrmpPersistentValues::Fields() {
         {"pollDelayFixedMs", &DrmpPersistentValues::pollDelayFixedMs},
         {"pollDelayVariedMs", &DrmpPersistentValues::pollDelayVariedMs},
     };
-    return fields;
+    return *fields;
 }
 
 void DrmpPersistentValues::set(uint32_t DrmpPersistentValues::*value, uint32_t number) {
