@@ -5,7 +5,7 @@
 # (default 30) each. Name configurations to run fewer: ./test.sh format plain asan
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
-"$root/scripts/setup.sh"
+"$root/scripts/setup.sh" --tests
 
 configs=("$@")
 [ ${#configs[@]} -gt 0 ] || configs=(format plain asan tsan fuzz)

@@ -8,7 +8,14 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev llvm-14
   curl python3
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+  iputils-ping
 )
+# The console's browser test needs a browser and its driver; only the tests do.
+if [ "${1:-}" = "--tests" ]; then
+  packages+=(chromium chromium-driver python3-selenium)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,5 +1,7 @@
 #include "Core/Platform/JsonUtil.h"
 
+#include <algorithm>
+
 #include <json/reader.h>
 #include <json/writer.h>
 
@@ -200,6 +202,61 @@ bool JsonUtil::ReadBool(const Json::Value& object, const char* key, bool& field)
 bool JsonUtil::ReadUInt32(const Json::Value& object, const char* key, uint32_t& field) {
     const Json::Value& value = Member(object, key);
     return readMember(key, value, GetUInt32(value, field), "not an unsigned 32-bit number");
+}
+
+void JsonUtil::SetMemberOrder(Json::Value& object, std::initializer_list<const char*> keys) {
+    Json::Value order(Json::arrayValue);
+    for (const char* key : keys) {
+        order.append(key);
+    }
+    object[kMemberOrder] = order;
+}
+
+namespace {
+void writeOrdered(const Json::Value& value, std::string& out) {
+    if (value.isArray()) {
+        out += '[';
+        for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
+            out += i == 0 ? "" : ",";
+            writeOrdered(value[i], out);
+        }
+        out += ']';
+        return;
+    }
+    if (!value.isObject()) {
+        out += JsonUtil::Compact(value);
+        return;
+    }
+    std::vector<std::string> keys;
+    const Json::Value& order = JsonUtil::Member(value, JsonUtil::kMemberOrder);
+    for (const Json::Value& key : order.isArray() ? order : Json::Value(Json::arrayValue)) {
+        if (key.isString() && value.isMember(key.asString()) &&
+            key.asString() != JsonUtil::kMemberOrder &&
+            std::find(keys.begin(), keys.end(), key.asString()) == keys.end()) {
+            keys.push_back(key.asString());
+        }
+    }
+    for (const std::string& key : value.getMemberNames()) {
+        if (key != JsonUtil::kMemberOrder &&
+            std::find(keys.begin(), keys.end(), key) == keys.end()) {
+            keys.push_back(key);
+        }
+    }
+    out += '{';
+    for (size_t i = 0; i < keys.size(); ++i) {
+        out += i == 0 ? "" : ",";
+        out += JsonUtil::Compact(Json::Value(keys[i]));
+        out += ':';
+        writeOrdered(value[keys[i]], out);
+    }
+    out += '}';
+}
+}  // namespace
+
+std::string JsonUtil::CompactOrdered(const Json::Value& value) {
+    std::string out;
+    writeOrdered(value, out);
+    return out;
 }
 
 std::string JsonUtil::Compact(const Json::Value& value) {

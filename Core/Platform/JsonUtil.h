@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 
 namespace Zel {
@@ -56,6 +57,13 @@ public:
 
     // One line, no indentation and no trailing newline.
     static std::string Compact(const Json::Value& value);
+
+    // jsoncpp keeps object members sorted. An object that must be read in a
+    // given order carries its keys in this member, which CompactOrdered
+    // follows (other members come after, sorted) and leaves out.
+    static constexpr const char* kMemberOrder = "\x1forder";
+    static void SetMemberOrder(Json::Value& object, std::initializer_list<const char*> keys);
+    static std::string CompactOrdered(const Json::Value& value);
 };
 
 }  // namespace Core

@@ -3,9 +3,12 @@
 #include "Core/Platform/Logger.h"
 #include "Core/Project/KorvanePlugin.h"
 #include "SupportView/Base/CommandHandler.h"
+#include "SupportView/Platform/Video.h"
 #include "SupportView/Project/ActionCommands.h"
 #include "SupportView/Project/InfoCommands.h"
 #include "SupportView/Project/KorvaneCommand.h"
+#include "SupportView/Project/MediaStreamCommands.h"
+#include "SupportView/Project/NetworkDiagnostics.h"
 #include "SupportView/Project/TrainingRemote.h"
 
 namespace Zel {
@@ -58,8 +61,7 @@ void CommandManager::initialize(const std::string& opid, const std::string& inst
     registerPluginCommands();
 }
 
-// Network diagnostics and the media-stream commands join this list with
-// the parts of the agent that carry them out.
+// The media-stream commands are left out when GStreamer cannot stream.
 void CommandManager::registerBuiltins() {
     registerCommand(std::make_shared<GetAvailableCommands>());
     registerCommand(std::make_shared<GetAvailableLocales>());
@@ -67,10 +69,16 @@ void CommandManager::registerBuiltins() {
     registerCommand(std::make_shared<GetDeviceCapabilities>());
     registerCommand(std::make_shared<GetDeviceInfo>());
     registerCommand(std::make_shared<LbrLookup>());
+    if (Video::Instance().isAvailable()) {
+        registerCommand(std::make_shared<MediaStreamParams>());
+        registerCommand(std::make_shared<MediaStreamTransportControl>());
+        registerCommand(std::make_shared<MediaStreamVideoLayers>());
+    }
     registerCommand(std::make_shared<RemoteButton>());
     registerCommand(std::make_shared<SetDateTime>());
     registerCommand(std::make_shared<TrainingRemoteLocation>());
     registerCommand(std::make_shared<TrainingRemoteState>());
+    registerCommand(std::make_shared<NetworkDiagnostics>());
     registerCommand(std::make_shared<ResetFactoryDefaults>());
     registerCommand(std::make_shared<GetDeviceConfig>());
     registerCommand(std::make_shared<ProductReturnPreprocess>());

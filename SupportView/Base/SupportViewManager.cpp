@@ -109,9 +109,15 @@ void SupportViewManager::terminateBegin() {
     SessionDecisions::BeginTermination(values_, config_->getPauseSessionOnTerm(), resetting);
     abortCalls_ = true;
     Http::WakeAll();
+    // A stream ends with the agent, whatever becomes of the session.
+    VideoSessionTerminate();
 }
 
 void SupportViewManager::terminateEnd() {
+    {
+        std::unique_lock<std::mutex> lock(speedTransferMutex_);
+        speedTransferDone_.wait(lock, [this] { return speedTransfers_ == 0; });
+    }
     for (ControlThread& control : controls_) {
         ZEL_LOG(ServiceSv, CategoryState, SeverityInfo, "Waiting for %s to join", control.name);
         ThreadUtil::Join(control.thread);
@@ -239,7 +245,7 @@ unsigned SupportViewManager::executeCommand(const std::string& request, std::str
     answer["SESSION_ID"] = JsonUtil::Member(document, "SESSION_ID");
     answer["TASK_ID"] = JsonUtil::Member(document, "TASK_ID");
     answer["TASK_OUTPUT"] = output;
-    response = JsonUtil::Compact(answer);
+    response = JsonUtil::CompactOrdered(answer);
     return ZelResultSuccess;
 }
 

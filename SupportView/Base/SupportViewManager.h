@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -43,6 +44,16 @@ public:
     // Runs one task's request document: 0, 1 (agent not running) or 5 (not JSON).
     unsigned executeCommand(const std::string& request, std::string& response);
 
+    // Network diagnostics, one test at a time. The pass flags of the NAT,
+    // DNS, gateway and internet tests; the rates are megabits per second of
+    // payload, -1 when a direction failed.
+    void runNetworkDiagnosticsTest(bool& nat, bool& dns, bool& gateway, bool& internet);
+    void runLatencyTest(int& latencyMs);
+    void runWirelessTest(int& signalDbm, int& quality, int& speedMbps);
+    void runSpeedTest(double& up, double& down);
+    bool runDownload(double& mbps);
+    bool runUpload(double& mbps);
+
     std::string getSessionToken();
     // False while the agent is not running.
     bool getSvLbrAwsDomain(std::string& domain);
@@ -82,6 +93,10 @@ private:
     void getResponseHeaders(MicroService service, const Core::Http::Response& response);
     void getResponseBody(MicroService service, const Core::Http::Response& response);
 
+    bool speedTransfer(bool upload, double& mbps);
+    bool performSpeedTransfer(Core::Http::Request& request, bool upload, unsigned size,
+                              unsigned timeMs, double& mbps);
+
     void storeSessionToken();
     void loadSessionToken();
     void retireSessionToken();
@@ -98,6 +113,11 @@ private:
     std::atomic<bool> abortCalls_{false};
     // One network test at a time.
     std::mutex networkTestMutex_;
+    // Speed-test exchanges in flight; shut-down waits for them, as they use
+    // the device identity.
+    std::mutex speedTransferMutex_;
+    std::condition_variable speedTransferDone_;
+    unsigned speedTransfers_ = 0;
 };
 
 }  // namespace Sv

@@ -25,5 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Json::Value answer;
     Sv::CommandExecutor::processCommands(batch, answer);
+    // The answer goes out in member order; inputs echoed into it may carry an order of their own.
+    Core::JsonUtil::CompactOrdered(answer);
     return 0;
 }

@@ -16,7 +16,10 @@
  * answers {"ECHO": <inputs>}. Built with KORVANE_SAMPLE_WITHOUT_COMMANDS the
  * library has no "createCommandsExt".
  *
- * Video: 320x180 RGBA colour bars, of which the left 300 columns are visible.
+ * Video: a moving test picture (scrolling colour bars, a travelling box and
+ * the UTC time to a tenth of a second), 1280x720 RGBA unless
+ * ZEL_KORVANE_SAMPLE_VIDEO_SIZE says "WxH"; the right 1/32 of each row is a
+ * magenta border outside the visible part. The VIDEO layer is darker.
  * GStreamer plug-ins: ZEL_KORVANE_SAMPLE_GST_PATH, else the system directory.
  */
 #define _GNU_SOURCE
@@ -24,12 +27,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "zel_korvane.h"
 
 #define KORVANE_EXPORT __attribute__((visibility("default")))
-
-enum { kWidth = 320, kHeight = 180, kVisibleWidth = 300 };
 
 static int initialized = 0;
 
@@ -154,29 +156,124 @@ KORVANE_EXPORT void createCommandsExt(ZelKorvaneRegisterCommand registerCommand,
 
 #endif
 
-KORVANE_EXPORT int32_t fillVideoBufferExt(uint8_t* buffer, uint32_t size, uint32_t layer) {
-    /* Eight vertical bars; the video layer alone is drawn darker. */
-    static const uint8_t bars[8][3] = {{255, 255, 255}, {255, 255, 0}, {0, 255, 255}, {0, 255, 0},
-                                       {255, 0, 255},   {255, 0, 0},   {0, 0, 255},   {0, 0, 0}};
-    const uint32_t frameSize = (uint32_t)kWidth * kHeight * 4;
+/* The frame size: ZEL_KORVANE_SAMPLE_VIDEO_SIZE ("WxH"), else 1280x720. The
+ * right 1/32 of each row is a magenta border that the agent crops away. */
+static void frameSize(uint32_t* width, uint32_t* height) {
+    const char* text = getenv("ZEL_KORVANE_SAMPLE_VIDEO_SIZE");
+    unsigned w = 0;
+    unsigned h = 0;
+    if (text == NULL || sscanf(text, "%ux%u", &w, &h) != 2 || w < 64 || h < 36 || w > 3840 ||
+        h > 2160) {
+        w = 1280;
+        h = 720;
+    }
+    *width = w;
+    *height = h;
+}
+
+/* Digits 0-9 and ':' / '.' as 5x7 bitmaps, one byte per row, high bits left. */
+static const uint8_t kFont[12][7] = {
+    {0x70, 0x88, 0x98, 0xa8, 0xc8, 0x88, 0x70}, {0x20, 0x60, 0x20, 0x20, 0x20, 0x20, 0x70},
+    {0x70, 0x88, 0x08, 0x10, 0x20, 0x40, 0xf8}, {0xf8, 0x10, 0x20, 0x10, 0x08, 0x88, 0x70},
+    {0x10, 0x30, 0x50, 0x90, 0xf8, 0x10, 0x10}, {0xf8, 0x80, 0xf0, 0x08, 0x08, 0x88, 0x70},
+    {0x30, 0x40, 0x80, 0xf0, 0x88, 0x88, 0x70}, {0xf8, 0x08, 0x10, 0x20, 0x40, 0x40, 0x40},
+    {0x70, 0x88, 0x88, 0x70, 0x88, 0x88, 0x70}, {0x70, 0x88, 0x88, 0x78, 0x08, 0x10, 0x60},
+    {0x00, 0x60, 0x60, 0x00, 0x60, 0x60, 0x00}, {0x00, 0x00, 0x00, 0x00, 0x00, 0x60, 0x60},
+};
+
+static void fill(uint8_t* frame, uint32_t width, uint32_t x0, uint32_t y0, uint32_t w, uint32_t h,
+                 const uint8_t rgb[3]) {
     uint32_t x;
     uint32_t y;
-
-    if (buffer == NULL || size < frameSize || layer > ZEL_KORVANE_LAYER_GRAPHICS_VIDEO) {
-        return -1;
-    }
-    for (y = 0; y < kHeight; ++y) {
-        for (x = 0; x < kWidth; ++x) {
-            const uint8_t* colour = bars[x * 8 / kWidth];
-            uint8_t* pixel = buffer + ((size_t)y * kWidth + x) * 4;
-            uint8_t shift = layer == ZEL_KORVANE_LAYER_VIDEO ? 1 : 0;
-            pixel[0] = (uint8_t)(colour[0] >> shift);
-            pixel[1] = (uint8_t)(colour[1] >> shift);
-            pixel[2] = (uint8_t)(colour[2] >> shift);
-            pixel[3] = 255;
+    for (y = y0; y < y0 + h; ++y) {
+        for (x = x0; x < x0 + w; ++x) {
+            uint8_t* pixel = frame + ((size_t)y * width + x) * 4;
+            pixel[0] = rgb[0];
+            pixel[1] = rgb[1];
+            pixel[2] = rgb[2];
         }
     }
-    return (int32_t)frameSize;
+}
+
+/* The wall clock as "HH:MM:SS.t" in white on black, top left. */
+static void drawClock(uint8_t* frame, uint32_t width, uint32_t height, const struct timespec* now) {
+    static const uint8_t white[3] = {255, 255, 255};
+    static const uint8_t black[3] = {0, 0, 0};
+    struct tm utc;
+    char text[40];
+    uint32_t scale = height / 90 > 0 ? height / 90 : 1;
+    uint32_t i;
+    time_t seconds = now->tv_sec;
+    gmtime_r(&seconds, &utc);
+    snprintf(text, sizeof(text), "%02d:%02d:%02d.%01ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
+             now->tv_nsec / 100000000L);
+    fill(frame, width, 0, 0, (uint32_t)strlen(text) * 6 * scale + 2 * scale, 9 * scale, black);
+    for (i = 0; text[i] != '\0'; ++i) {
+        int glyph = text[i] == ':' ? 10 : text[i] == '.' ? 11 : text[i] - '0';
+        uint32_t row;
+        uint32_t column;
+        for (row = 0; row < 7; ++row) {
+            for (column = 0; column < 5; ++column) {
+                if (kFont[glyph][row] & (0x80 >> column)) {
+                    fill(frame, width, scale + (i * 6 + column) * scale, scale + row * scale, scale,
+                         scale, white);
+                }
+            }
+        }
+    }
+}
+
+KORVANE_EXPORT int32_t fillVideoBufferExt(uint8_t* buffer, uint32_t size, uint32_t layer) {
+    static const uint8_t bars[8][3] = {{255, 255, 255}, {255, 255, 0}, {0, 255, 255}, {0, 255, 0},
+                                       {255, 0, 255},   {255, 0, 0},   {0, 0, 255},   {0, 0, 0}};
+    static const uint8_t magenta[3] = {255, 0, 255};
+    static const uint8_t white[3] = {255, 255, 255};
+    uint32_t width;
+    uint32_t height;
+    uint32_t visible;
+    uint32_t frameBytes;
+    uint32_t x;
+    uint32_t y;
+    uint32_t shift = layer == ZEL_KORVANE_LAYER_VIDEO ? 1 : 0;
+    uint32_t offset;
+    uint32_t box;
+    uint32_t travel;
+    uint64_t tenths;
+    struct timespec now;
+
+    frameSize(&width, &height);
+    visible = width - width / 32;
+    frameBytes = width * height * 4;
+    if (buffer == NULL || size < frameBytes || layer > ZEL_KORVANE_LAYER_GRAPHICS_VIDEO) {
+        return -1;
+    }
+    clock_gettime(CLOCK_REALTIME, &now);
+    tenths = (uint64_t)now.tv_sec * 10 + (uint64_t)(now.tv_nsec / 100000000L);
+    /* The bars scroll a 64th of the width every tenth of a second. */
+    offset = (uint32_t)(tenths % 64) * (visible / 64);
+    for (y = 0; y < height; ++y) {
+        uint8_t* row = buffer + (size_t)y * width * 4;
+        for (x = 0; x < visible; ++x) {
+            const uint8_t* colour = bars[((x + offset) % visible) * 8 / visible];
+            row[x * 4 + 0] = (uint8_t)(colour[0] >> shift);
+            row[x * 4 + 1] = (uint8_t)(colour[1] >> shift);
+            row[x * 4 + 2] = (uint8_t)(colour[2] >> shift);
+            row[x * 4 + 3] = 255;
+        }
+        for (; x < width; ++x) {
+            row[x * 4 + 0] = magenta[0];
+            row[x * 4 + 1] = magenta[1];
+            row[x * 4 + 2] = magenta[2];
+            row[x * 4 + 3] = 255;
+        }
+    }
+    /* A box that crosses the picture's lower half every ten seconds. */
+    box = height / 8;
+    travel = visible - box;
+    fill(buffer, width, (uint32_t)((tenths % 100) * travel / 100), height - 2 * box, box, box,
+         white);
+    drawClock(buffer, width, height, &now);
+    return (int32_t)frameBytes;
 }
 
 KORVANE_EXPORT const char* getGstreamerPathExt(void) {
@@ -185,15 +282,21 @@ KORVANE_EXPORT const char* getGstreamerPathExt(void) {
 }
 
 KORVANE_EXPORT uint32_t getVideoWidthExt(uint32_t* visible) {
+    uint32_t width;
+    uint32_t height;
+    frameSize(&width, &height);
     if (visible != NULL) {
-        *visible = kVisibleWidth;
+        *visible = width - width / 32;
     }
-    return kWidth;
+    return width;
 }
 
 KORVANE_EXPORT uint32_t getVideoHeightExt(uint32_t* visible) {
+    uint32_t width;
+    uint32_t height;
+    frameSize(&width, &height);
     if (visible != NULL) {
-        *visible = kHeight;
+        *visible = height;
     }
-    return kHeight;
+    return height;
 }

@@ -68,3 +68,23 @@ TEST(JsonUtilTest, ReadersCheckTypeAndRangeBeforeConverting) {
     EXPECT_FALSE(JsonUtil::GetString(Json::Value(5), text));
     EXPECT_EQ("kept", text);
 }
+
+TEST(JsonUtilTest, CompactOrderedFollowsTheMemberOrder) {
+    Json::Value rows(Json::objectValue);
+    rows["b"] = 1;
+    rows["a"]["y"] = "x";
+    rows["a"]["x"] = Json::Value(Json::arrayValue);
+    rows["c"] = "\"quoted\"";
+    JsonUtil::SetMemberOrder(rows, {"c", "missing", "a", "c"});
+    Json::Value outer(Json::objectValue);
+    outer["list"].append(rows);
+    outer["list"].append(2.5);
+    EXPECT_EQ(R"({"list":[{"c":"\"quoted\"","a":{"x":[],"y":"x"},"b":1},2.5]})",
+              JsonUtil::CompactOrdered(outer));
+    // An order member that is not a list of keys changes nothing.
+    Json::Value odd(Json::objectValue);
+    odd["z"] = 1;
+    odd["a"] = 2;
+    odd[JsonUtil::kMemberOrder] = 7;
+    EXPECT_EQ(R"({"a":2,"z":1})", JsonUtil::CompactOrdered(odd));
+}

@@ -152,27 +152,35 @@ TEST_F(CommandExecutorTest, AvailableCommandsListTheRegistry) {
     for (const Json::Value& entry : list) {
         names.push_back(entry["ID"].asString());
     }
+    // Media streaming is there: this machine's GStreamer has every element.
     EXPECT_EQ(
         (std::vector<std::string>{
             "FFFFFF_LIVE_SUPPORT_CHECK_FOR_UPDATES",
             "FFFFFF_LIVE_SUPPORT_COMMAND_GET_AVAILABLE_LOCALES",
             "FFFFFF_LIVE_SUPPORT_COMMAND_LBR_LOOKUP", "FFFFFF_LIVE_SUPPORT_GET_AVAILABLE_COMMANDS",
             "FFFFFF_LIVE_SUPPORT_GET_DEVICE_CAPABILITIES", "FFFFFF_LIVE_SUPPORT_GET_DEVICE_CONFIG",
-            "FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO", "FFFFFF_LIVE_SUPPORT_PRODUCT_RETURN_PREPROCESS",
+            "FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO", "FFFFFF_LIVE_SUPPORT_MEDIA_STREAM_PARAMS",
+            "FFFFFF_LIVE_SUPPORT_MEDIA_STREAM_TRANSPORT_CONTROL",
+            "FFFFFF_LIVE_SUPPORT_MEDIA_STREAM_VIDEO_LAYERS",
+            "FFFFFF_LIVE_SUPPORT_NETWORK_DIAGNOSTICS",
+            "FFFFFF_LIVE_SUPPORT_PRODUCT_RETURN_PREPROCESS",
             "FFFFFF_LIVE_SUPPORT_RESET_FACTORY_DEFAULTS", "FFFFFF_LIVE_SUPPORT_SET_DATE_TIME",
             "FFFFFF_LIVE_SUPPORT_TRAINING_REMOTE_LOCATION",
             "FFFFFF_LIVE_SUPPORT_TRAINING_REMOTE_STATE", "FFFFFF_LIVE_SUPPORT_TV_REMOTE_BUTTON"}),
         names);
-    Json::Value button = list[12];
+    Json::Value button = list[16];
     EXPECT_EQ(ParseJson(R"(["EXECUTE"])"), button["OPERATIONS"]);
     EXPECT_EQ(500u, button["ESTIMATED_EXEC_TIME_MSEC"].asUInt());
     Json::Value values = button["DESCRIPTION"]["INPUTS"][0]["VALUES"];
     EXPECT_EQ(68u, values.size());
     EXPECT_EQ("3D", values[0].asString());
     EXPECT_EQ("YELLOW", values[67].asString());
-    Json::Value state = list[11];
+    Json::Value state = list[15];
     EXPECT_EQ(ParseJson(R"(["EXECUTE","GET"])"), state["OPERATIONS"]);
     EXPECT_EQ(1u, state["VERSION"].asUInt());
+    Json::Value diagnostics = list[10];
+    EXPECT_EQ(0u, diagnostics["VERSION"].asUInt());
+    EXPECT_EQ(30000u, diagnostics["ESTIMATED_EXEC_TIME_MSEC"].asUInt());
     EXPECT_FALSE(list[0].isMember("DESCRIPTION"));
 }
 
