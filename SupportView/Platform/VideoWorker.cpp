@@ -6,6 +6,7 @@
 
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/TimeManager.h"
+#include "SupportView/Platform/StreamTaskPool.h"
 #include "SupportView/Project/VideoUtils.h"
 
 namespace Zel {
@@ -141,6 +142,15 @@ bool VideoWorker::configureVideoPipeline() {
                                               visibleHeight_)) {
         ZEL_LOG(ServiceSv, CategoryFlow, SeverityError,
                 "No frames to stream: the device reports no frame size.");
+        return false;
+    }
+    GError* error = nullptr;
+    taskPool_ = NewStreamTaskPool();
+    gst_task_pool_prepare(taskPool_, &error);
+    if (error != nullptr) {
+        ZEL_LOG(ServiceSv, CategoryFlow, SeverityError, "No thread pool for the stream: %s",
+                error->message);
+        g_clear_error(&error);
         return false;
     }
     if (!createElements()) {
@@ -303,7 +313,14 @@ void VideoWorker::cleanupVideoPipeline() {
         gst_object_unref(pipeline_);
         pipeline_ = nullptr;
     }
+    if (taskPool_ != nullptr) {
+        gst_task_pool_cleanup(taskPool_);  // waits for the streaming threads
+        gst_object_unref(taskPool_);
+        taskPool_ = nullptr;
+    }
     source_ = videocrop_ = videoscale_ = videoconvert_ = encoder_ = container_ = sink_ = nullptr;
+    // GLib keeps idle pool threads for a while; a stopped stream leaves none.
+    g_thread_pool_stop_unused_threads();
     VideoUtils::showCursor(false);
 }
 
@@ -375,6 +392,18 @@ GstBusSyncReply VideoWorker::busCallbackHandler(GstMessage* message) {
             LockMutex lock(mutex_);
             endOfStream_ = true;
             semaphore_.reset();
+            break;
+        }
+        case GST_MESSAGE_STREAM_STATUS: {
+            // Streaming threads run in our pool, so that taking the pipeline down joins them.
+            GstStreamStatusType type;
+            GstElement* owner = nullptr;
+            gst_message_parse_stream_status(message, &type, &owner);
+            const GValue* object = gst_message_get_stream_status_object(message);
+            if (type == GST_STREAM_STATUS_TYPE_CREATE && object != nullptr &&
+                G_VALUE_TYPE(object) == GST_TYPE_TASK && taskPool_ != nullptr) {
+                gst_task_set_pool(GST_TASK(g_value_get_object(object)), taskPool_);
+            }
             break;
         }
         default:

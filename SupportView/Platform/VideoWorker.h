@@ -63,6 +63,9 @@ private:
     GstElement* sink_ = nullptr;
     GstPad* containerPad_ = nullptr;
     GstBus* bus_ = nullptr;
+    // The pipeline's streaming threads come from here, so that taking it down
+    // can wait for them to finish.
+    GstTaskPool* taskPool_ = nullptr;
 
     // Guards the flags below; the semaphore waits on it.
     Core::Mutex mutex_;
