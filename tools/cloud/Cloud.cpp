@@ -10,6 +10,8 @@
 #include "tools/cloud/DaService.h"
 #include "tools/cloud/DrmpService.h"
 #include "tools/cloud/PayloadServer.h"
+#include "tools/cloud/RelayServer.h"
+#include "tools/cloud/SpeedTest.h"
 #include "tools/cloud/SuService.h"
 #include "tools/cloud/SvService.h"
 #include "tools/cloud/TlsServer.h"
@@ -48,18 +50,73 @@ std::vector<std::string> Authorizations(const std::vector<std::string>& headers,
     return values;
 }
 
+// Sends a service answer over the TLS connection, or drops the connection.
+void Reply(const Cloud::Answer& answer, const httplib::Request& req, httplib::Response& res) {
+    if (answer.drop) {
+        // No answer at all: the client sees the connection end.
+        if (req.ssl != nullptr) {
+            shutdown(SSL_get_fd(req.ssl), SHUT_RDWR);
+        }
+        return;
+    }
+    res.status = answer.status;
+    if (answer.status != 204) {
+        res.set_content(answer.body, "application/json");
+    }
+}
+
+// What is recorded of a TLS request before it is answered.
+RecordedRequest Describe(const httplib::Request& req) {
+    RecordedRequest record;
+    record.time = std::chrono::system_clock::now();
+    record.method = req.method;
+    record.path = req.path;
+    record.host = req.get_header_value("Host");
+    record.cn = TlsServer::ClientCommonName(req);
+    record.authorization = req.get_header_value("Authorization");
+    record.headers = TlsServer::WireHeaders(req);
+    record.connection = TlsServer::ConnectionId(req);
+    return record;
+}
+
+// "https://<opid>-<service>.<instance>" as the device names the service, from
+// the device's common name "<opid>.<instance>"; the cloud's port is added when
+// the instance has none. Empty when the name has no instance.
+std::string ServiceOrigin(const std::string& deviceCn, const std::string& service, int port) {
+    size_t dot = deviceCn.find('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == deviceCn.size()) {
+        return std::string();
+    }
+    std::string instance = deviceCn.substr(dot + 1);
+    if (instance.find(':') == std::string::npos) {
+        instance += ":" + std::to_string(port);
+    }
+    return "https://" + deviceCn.substr(0, dot) + "-" + service + "." + instance;
+}
+
 }  // namespace
 
 Cloud::Cloud(CloudOptions options)
     : options_(std::move(options)),
       server_(new TlsServer),
       payloads_(new PayloadServer(updates_, payloadFaults_,
-                                  [this](long delayMs) { return pause(delayMs); })) {
+                                  [this](long delayMs) { return pause(delayMs); })),
+      relay_(new RelayServer(streams_, log_)) {
     setQuiet(options_.quiet);
     if (options_.settings.isObject()) {
         settings_.merge(options_.settings);
     }
     registerServices();
+    auto gate = [this](const httplib::Request& req, httplib::Response& res,
+                       RecordedRequest& record) {
+        Answer answer;
+        if (!applyFault(record, answer)) {
+            return false;
+        }
+        Reply(answer, req, res);
+        return true;
+    };
+    speedTest_ = std::make_unique<SpeedTest>(log_, Describe, gate);
 }
 
 Cloud::~Cloud() {
@@ -98,6 +155,10 @@ bool Cloud::bind() {
         error_ = "cannot bind the payload port " + std::to_string(options_.payloadPort);
         return false;
     }
+    if (options_.relayPort >= 0 && relay_->port() < 0 && !relay_->bind(options_.relayPort)) {
+        error_ = "cannot bind the relay port " + std::to_string(options_.relayPort);
+        return false;
+    }
     return true;
 }
 
@@ -111,17 +172,7 @@ bool Cloud::start() {
         Answer answer = serve(req.method, req.path, host, TlsServer::ClientCommonName(req),
                               req.get_header_value("Authorization"), req.body,
                               TlsServer::WireHeaders(req), TlsServer::ConnectionId(req));
-        if (answer.drop) {
-            // No answer at all: the client sees the connection end.
-            if (req.ssl != nullptr) {
-                shutdown(SSL_get_fd(req.ssl), SHUT_RDWR);
-            }
-            return;
-        }
-        res.status = answer.status;
-        if (answer.status != 204) {
-            res.set_content(answer.body, "application/json");
-        }
+        Reply(answer, req, res);
     };
     // A device keeps its connection for as long as it likes, so a test knows
     // which connection a call goes over.
@@ -134,6 +185,7 @@ bool Cloud::start() {
     http.Get(PayloadServer::kPattern, [this](const httplib::Request& req, httplib::Response& res) {
         payloads_->answer(req, res, TlsServer::ClientCommonName(req), true);
     });
+    speedTest_->route(http);
     http.Post(".*", handler);
     http.Get(".*", handler);
     http.Put(".*", handler);
@@ -151,6 +203,8 @@ bool Cloud::start() {
         return false;
     }
     payloads_->start();
+    relay_->start();
+    addAddressSettings();
     if (options_.controlPort >= 0) {
         control_ = std::make_unique<ControlServer>(*this);
         if (!control_->start(options_.controlPort)) {
@@ -168,12 +222,15 @@ void Cloud::stop() {
         stopping_ = true;
     }
     stopped_.notify_all();
-    // Held long polls first: the server waits for its handlers to return.
+    // Held long polls and waiting viewers first: the servers wait for their
+    // handlers to return.
     for (auto& service : services_) {
         service.second->stop();
     }
+    streams_.stop();
     server_->stop();
     payloads_->stop();
+    relay_->stop();
     if (control_) {
         control_->stop();
     }
@@ -185,6 +242,27 @@ int Cloud::controlPort() const {
 
 int Cloud::payloadPort() const {
     return payloads_->port();
+}
+
+int Cloud::relayPort() const {
+    return relay_->port();
+}
+
+void Cloud::addAddressSettings() {
+    // The name the device knows the cloud by, so that the certificate matches.
+    std::string pem;
+    std::string origin;
+    if (TlsServer::ReadFile(options_.pkiDir + "/device.crt", pem)) {
+        origin = ServiceOrigin(TlsServer::CertificateCommonName(pem), "sv", port_);
+    }
+    if (origin.empty()) {
+        return;
+    }
+    Json::Value keys(Json::objectValue);
+    keys["svSpeedTestDownloadURL"] =
+        origin + SpeedTest::kDownloadPath + "?size=" + std::to_string(SpeedTest::kDefaultSize);
+    keys["svSpeedTestUploadURL"] = origin + SpeedTest::kUploadPath;
+    settings_.setAddressDefaults(keys);
 }
 
 bool Cloud::pause(long delayMs) {
@@ -210,30 +288,7 @@ Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
 
     log_.begin();
     Answer answer;
-    FaultPlan::Action fault = faults_.take(path);
-    if (fault.delayMs > 0 && !pause(fault.delayMs)) {
-        // Stopping: give up the call rather than hold up the shut-down.
-        answer.drop = true;
-        record.status = 0;
-        record.note = fault.describe() + ", cut short by stop";
-        log_.add(record);
-        return answer;
-    }
-    if (fault.drop || fault.status != 0 || fault.badJson || fault.hasBody) {
-        record.note = fault.describe();
-        if (fault.drop) {
-            answer.drop = true;
-        } else if (fault.hasBody) {
-            answer.status = fault.bodyStatus;
-            answer.body = std::move(fault.body);
-        } else if (fault.status != 0) {
-            answer.status = fault.status;
-            answer.body = "{}";
-        } else {
-            answer.status = 200;
-            answer.body = kNotJson;
-        }
-        record.status = answer.drop ? 0 : answer.status;
+    if (applyFault(record, answer)) {
         log_.add(record);
         return answer;
     }
@@ -262,9 +317,41 @@ Cloud::Answer Cloud::serve(const std::string& method, const std::string& path,
     answer.status = response.status;
     answer.body = response.status == 204 ? std::string() : Compact(response.body);
     record.status = response.status;
-    record.note = fault.delayMs > 0 ? fault.describe() + ", " + response.note : response.note;
+    record.note = record.note.empty() ? response.note : record.note + ", " + response.note;
     log_.add(record);
     return answer;
+}
+
+bool Cloud::applyFault(RecordedRequest& record, Answer& answer) {
+    FaultPlan::Action fault = faults_.take(record.path);
+    if (fault.delayMs > 0 && !pause(fault.delayMs)) {
+        // Stopping: give up the call rather than hold up the shut-down.
+        answer.drop = true;
+        record.status = 0;
+        record.note = fault.describe() + ", cut short by stop";
+        return true;
+    }
+    if (fault.drop || fault.status != 0 || fault.badJson || fault.hasBody) {
+        record.note = fault.describe();
+        if (fault.drop) {
+            answer.drop = true;
+        } else if (fault.hasBody) {
+            answer.status = fault.bodyStatus;
+            answer.body = std::move(fault.body);
+        } else if (fault.status != 0) {
+            answer.status = fault.status;
+            answer.body = "{}";
+        } else {
+            answer.status = 200;
+            answer.body = kNotJson;
+        }
+        record.status = answer.drop ? 0 : answer.status;
+        return true;
+    }
+    if (fault.delayMs > 0) {
+        record.note = fault.describe();
+    }
+    return false;
 }
 
 void Cloud::queueEvent(const std::string& event, const Json::Value& parameters,
@@ -378,16 +465,11 @@ bool Cloud::publishUpdate(const UpdateSpec& spec, PublishedUpdate& published, st
     std::string url;
     if (spec.secure) {
         // The su service's host, as the device names it: "<opid>-su.<instance>".
-        size_t dot = keys.deviceCn.find('.');
-        if (dot == std::string::npos) {
+        url = ServiceOrigin(keys.deviceCn, "su", port_);
+        if (url.empty()) {
             error = "the device certificate's CN " + keys.deviceCn + " has no instance";
             return false;
         }
-        std::string instance = keys.deviceCn.substr(dot + 1);
-        if (instance.find(':') == std::string::npos) {
-            instance += ":" + std::to_string(port_);
-        }
-        url = "https://" + keys.deviceCn.substr(0, dot) + "-su." + instance;
     } else {
         url = "http://127.0.0.1:" + std::to_string(payloads_->port());
     }

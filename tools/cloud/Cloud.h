@@ -22,6 +22,7 @@
 #include "tools/cloud/RequestLog.h"
 #include "tools/cloud/Service.h"
 #include "tools/cloud/SessionRegistry.h"
+#include "tools/cloud/StreamRegistry.h"
 #include "tools/cloud/UpdatePublisher.h"
 #include "tools/cloud/UpdateRegistry.h"
 
@@ -30,6 +31,8 @@ namespace ZelCloud {
 class ControlServer;
 class DaService;
 class PayloadServer;
+class RelayServer;
+class SpeedTest;
 class SvService;
 class TlsServer;
 
@@ -40,6 +43,7 @@ struct CloudOptions {
     int port = 0;             // 0: any free port
     int controlPort = -1;     // -1: no control interface, 0: any free port
     int payloadPort = -1;     // plain-HTTP payload server: -1 none, 0 any free port
+    int relayPort = -1;       // plain-HTTP media relay: -1 none, 0 any free port
     bool quiet = false;       // no request lines on stdout
     Json::Value settings;     // initial operator settings (an object, or null)
     long longPollMs = 10000;  // how long sv/command/get holds a call without a task
@@ -49,7 +53,9 @@ struct CloudOptions {
 // serves every micro-service under "/api/v1/<service>/...", requires the device's
 // client certificate, records every request, and can be told to misbehave.
 // Update payloads are served under "/payloads/<id>" by the TLS server and by a
-// plain-HTTP server of their own.
+// plain-HTTP server of their own; the speed test's two ends under "/speedtest/".
+// A media relay takes the agent's screen streams over plain HTTP and the
+// control interface shows them.
 class Cloud {
 public:
     explicit Cloud(CloudOptions options);
@@ -70,6 +76,8 @@ public:
     int controlPort() const;
     // -1 without a payload server or until bound.
     int payloadPort() const;
+    // -1 without a media relay or until bound.
+    int relayPort() const;
     const std::string& error() const { return error_; }
 
     // The answer to one service request; what the transport sends back.
@@ -190,6 +198,27 @@ public:
         return drmp_.waitFor(predicate, timeout);
     }
 
+    // The media relay's streams: [{"name", "producerid", "frames", "bytes",
+    // "connected", "lastFrameAgeMs"}].
+    Json::Value streams() const { return streams_.toJson(); }
+    // The latest frame of a stream; false when it has none.
+    bool latestFrame(const std::string& name, StreamRegistry::Frame& frame) const {
+        return streams_.latest(name, frame);
+    }
+    // Waits for a frame of the stream numbered above `after`.
+    StreamRegistry::Wait waitForFrame(const std::string& name, uint64_t after,
+                                      std::chrono::milliseconds timeout,
+                                      StreamRegistry::Frame& frame) const {
+        return streams_.waitForFrame(name, after, timeout, frame);
+    }
+    // Waits until the predicate holds for streams(); checked on every change,
+    // locked, so the predicate must not call back into the cloud.
+    bool waitForStreams(const StreamRegistry::Predicate& predicate,
+                        std::chrono::milliseconds timeout) const {
+        return streams_.waitFor(predicate, timeout);
+    }
+    const StreamRegistry& streamRegistry() const { return streams_; }
+
     std::vector<RecordedRequest> requests() const { return log_.snapshot(); }
     void clearRequests() { log_.clear(); }
     Json::Value devices() const { return devices_.toJson(); }
@@ -210,6 +239,12 @@ public:
 private:
     void registerServices();
     void addService(std::unique_ptr<Service> service);
+    // Applies the fault planned for the record's path. True when the fault is
+    // the whole answer (record's status and note set); otherwise a delay
+    // waited out is noted.
+    bool applyFault(RecordedRequest& record, Answer& answer);
+    // The settings that name the cloud's own address: the speed test's urls.
+    void addAddressSettings();
     // False when the cloud stops during the delay.
     bool pause(long delayMs);
 
@@ -222,12 +257,15 @@ private:
     UpdateRegistry updates_;
     DrmpRegistry drmp_;
     PayloadFaults payloadFaults_;
+    StreamRegistry streams_;
     std::map<std::string, std::unique_ptr<Service>> services_;
     DaService* da_ = nullptr;
     SvService* sv_ = nullptr;
 
     std::unique_ptr<TlsServer> server_;
     std::unique_ptr<PayloadServer> payloads_;
+    std::unique_ptr<RelayServer> relay_;
+    std::unique_ptr<SpeedTest> speedTest_;
     std::unique_ptr<ControlServer> control_;
     int port_ = 0;
     std::string error_;

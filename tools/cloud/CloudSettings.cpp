@@ -2,7 +2,8 @@
 
 namespace ZelCloud {
 
-CloudSettings::CloudSettings() : operatorKeys_(Json::objectValue) {}
+CloudSettings::CloudSettings()
+    : operatorKeys_(Json::objectValue), addressDefaults_(Json::objectValue) {}
 
 Json::Value CloudSettings::Defaults() {
     Json::Value keys(Json::objectValue);
@@ -26,6 +27,14 @@ Json::Value CloudSettings::Defaults() {
     keys["svActiveTimeoutMs"] = 60000;
     keys["svPausedTimeoutMs"] = 180000;
     keys["svLbrAwsDomain"] = "lab.zel.localhost";
+    // Network diagnostics stay on this machine: the speed test's urls come
+    // with the cloud's address (setAddressDefaults).
+    keys["svPingTestHostname"] = "localhost";
+    keys["svNetworkDiagTimeoutMs"] = 20000;
+    keys["svSpeedTestDownloadSize"] = 102400;
+    keys["svSpeedTestUploadSize"] = 102400;
+    keys["svSpeedTestDownloadTimeMs"] = 20000;
+    keys["svSpeedTestUploadTimeMs"] = 20000;
     keys["suStagingConnectTimeoutMs"] = 10000;
     keys["suStagingMessageTimeoutMs"] = 20000;
     keys["suStagingRetryDelayFixedMs"] = 2000;
@@ -40,6 +49,16 @@ Json::Value CloudSettings::Defaults() {
     keys["drmpStartupDelayFixedMs"] = 0;
     keys["drmpStartupDelayVariedMs"] = 0;
     return keys;
+}
+
+void CloudSettings::setAddressDefaults(const Json::Value& keys) {
+    if (!keys.isObject()) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::string& name : keys.getMemberNames()) {
+        addressDefaults_[name] = keys[name];
+    }
 }
 
 bool CloudSettings::merge(const Json::Value& keys) {
@@ -61,6 +80,9 @@ bool CloudSettings::merge(const Json::Value& keys) {
 Json::Value CloudSettings::current() const {
     Json::Value keys = Defaults();
     std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::string& name : addressDefaults_.getMemberNames()) {
+        keys[name] = addressDefaults_[name];
+    }
     for (const std::string& name : operatorKeys_.getMemberNames()) {
         keys[name] = operatorKeys_[name];
     }

@@ -14,6 +14,9 @@ public:
     CloudSettings();
 
     static Json::Value Defaults();
+    // Defaults that name the running cloud's own address (the speed test's
+    // urls), set once it knows its port; the operator's keys still win.
+    void setAddressDefaults(const Json::Value& keys);
 
     // Merges an object of keys; a null value removes the operator's key (and so
     // restores the default, if there is one). False when the value is not an object.
@@ -26,6 +29,7 @@ public:
 private:
     mutable std::mutex mutex_;
     Json::Value operatorKeys_;
+    Json::Value addressDefaults_;
     uint32_t version_ = 1;
 };
 

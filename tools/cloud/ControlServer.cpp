@@ -5,6 +5,9 @@
 #include <json/writer.h>
 
 #include "tools/cloud/Cloud.h"
+#include "tools/cloud/ConsolePage.h"
+#include "tools/cloud/PlainServer.h"
+#include "tools/cloud/StreamViewer.h"
 
 namespace ZelCloud {
 
@@ -50,7 +53,14 @@ bool ParseBody(const httplib::Request& req, httplib::Response& res, Json::Value&
 }  // namespace
 
 ControlServer::ControlServer(Cloud& cloud)
-    : cloud_(cloud), server_(new httplib::Server), thread_(*server_) {}
+    : cloud_(cloud),
+      viewer_(new StreamViewer(cloud.streamRegistry())),
+      server_(new PlainServer),
+      thread_(*server_) {
+    // A live viewer holds a worker for as long as it watches, and a browser
+    // keeps several connections: httplib's default pool of 8 runs out.
+    server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
+}
 
 ControlServer::~ControlServer() {
     stop();
@@ -178,6 +188,18 @@ void ControlServer::route() {
     });
     routeUpdates();
     routeDrmp();
+    routeStreams();
+    ConsolePage::route(server);
+}
+
+void ControlServer::routeStreams() {
+    viewer_->route(*server_);
+    server_->Get("/control/relay", [this](const httplib::Request&, httplib::Response& res) {
+        Json::Value relay(Json::objectValue);
+        relay["address"] = "127.0.0.1";
+        relay["port"] = cloud_.relayPort();
+        Answer(res, 200, relay);
+    });
 }
 
 void ControlServer::routeDrmp() {
@@ -296,6 +318,8 @@ bool ControlServer::start(int port) {
 }
 
 void ControlServer::stop() {
+    // Live viewers and kept-alive browser connections would hold up the stop.
+    server_->closeConnections();
     thread_.stop();
 }
 

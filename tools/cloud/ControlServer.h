@@ -5,16 +5,15 @@
 
 #include "tools/cloud/ServerThread.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace ZelCloud {
 
 class Cloud;
+class PlainServer;
+class StreamViewer;
 
 // The cloud's control interface for people and scripts: plain HTTP with JSON
-// bodies on 127.0.0.1, doing what the C++ interface of Cloud does.
+// bodies on 127.0.0.1, doing what the C++ interface of Cloud does, plus the
+// viewers of the relayed streams and the support console's page.
 class ControlServer {
 public:
     explicit ControlServer(Cloud& cloud);
@@ -31,9 +30,11 @@ private:
     void route();
     void routeUpdates();
     void routeDrmp();
+    void routeStreams();
 
     Cloud& cloud_;
-    std::unique_ptr<httplib::Server> server_;
+    std::unique_ptr<StreamViewer> viewer_;
+    std::unique_ptr<PlainServer> server_;
     ServerThread thread_;
     int port_ = 0;
 };

@@ -1,112 +1,15 @@
 #include "tools/cloud/PayloadServer.h"
 
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
+
+#include "tools/cloud/PlainServer.h"
 
 namespace ZelCloud {
 
 namespace {
 
-constexpr int kTimeoutMs = 5000;
 constexpr size_t kChunk = 64 * 1024;
-
-bool Ready(int fd, short events, int timeoutMs) {
-    pollfd entry{fd, events, 0};
-    int ready;
-    do {
-        ready = poll(&entry, 1, timeoutMs);
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
-}
-
-// A plain TCP connection as httplib reads and writes it.
-class PlainStream : public httplib::Stream {
-public:
-    explicit PlainStream(int fd) : fd_(fd) {}
-
-    bool is_readable() const override { return Ready(fd_, POLLIN, kTimeoutMs); }
-    bool is_writable() const override { return Ready(fd_, POLLOUT, kTimeoutMs); }
-    ssize_t read(char* ptr, size_t size) override {
-        if (!is_readable()) {
-            return -1;
-        }
-        ssize_t got;
-        do {
-            got = recv(fd_, ptr, size, 0);
-        } while (got < 0 && errno == EINTR);
-        return got;
-    }
-    ssize_t write(const char* ptr, size_t size) override {
-        if (!is_writable()) {
-            return -1;
-        }
-        ssize_t put;
-        do {
-            put = send(fd_, ptr, size, MSG_NOSIGNAL);
-        } while (put < 0 && errno == EINTR);
-        return put;
-    }
-    void get_remote_ip_and_port(std::string& ip, int& port) const override {
-        address(getpeername, ip, port);
-    }
-    void get_local_ip_and_port(std::string& ip, int& port) const override {
-        address(getsockname, ip, port);
-    }
-    socket_t socket() const override { return fd_; }
-
-private:
-    template <typename Get>
-    void address(Get get, std::string& ip, int& port) const {
-        sockaddr_in peer{};
-        socklen_t length = sizeof peer;
-        char text[INET_ADDRSTRLEN] = "";
-        if (get(fd_, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
-            inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
-            port = ntohs(peer.sin_port);
-        }
-        ip = text;
-    }
-
-    int fd_;
-};
-
-// httplib's plain server with a connection loop of its own: a kept-alive
-// connection ends as soon as the server stops, and Range is left to the
-// handler, which answers it itself.
-class PlainServer : public httplib::Server {
-private:
-    bool process_and_close_socket(socket_t sock) override {
-        bool served = false;
-        for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock); --left) {
-            PlainStream stream(sock);
-            bool closed = false;
-            served = process_request(stream, left == 1, closed,
-                                     [](httplib::Request& req) { req.ranges.clear(); });
-            if (!served || closed) {
-                break;
-            }
-        }
-        shutdown(sock, SHUT_RDWR);
-        close(sock);
-        return served;
-    }
-
-    bool awaitRequest(int sock) const {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
-        while (svr_sock_ != INVALID_SOCKET && std::chrono::steady_clock::now() < end) {
-            if (Ready(sock, POLLIN, 50)) {
-                return true;
-            }
-        }
-        return false;
-    }
-};
 
 // Digits only; saturates rather than wrapping. False for anything else.
 bool ParseCount(const std::string& text, uint64_t& value) {
@@ -135,6 +38,7 @@ PayloadServer::PayloadServer(UpdateRegistry& updates, PayloadFaults& faults, Pau
       pause_(std::move(pause)),
       server_(new PlainServer),
       thread_(*server_) {
+    server_->leaveRangesToHandlers();
     server_->set_keep_alive_max_count(1000000);
     server_->new_task_queue = [] { return new httplib::ThreadPool(16); };
     server_->Get(kPattern, [this](const httplib::Request& req, httplib::Response& res) {

@@ -11,6 +11,8 @@
 
 namespace ZelCloud {
 
+class PlainServer;
+
 // Serves the encrypted payloads of the published updates under
 // "/payloads/<id>", one byte range at a time as the device fetches its blocks,
 // with the faults planned for them: over plain HTTP on a port of its own, and
@@ -50,7 +52,7 @@ private:
     UpdateRegistry& updates_;
     PayloadFaults& faults_;
     Pause pause_;
-    std::unique_ptr<httplib::Server> server_;
+    std::unique_ptr<PlainServer> server_;
     ServerThread thread_;
     int port_ = -1;
 };

@@ -40,10 +40,30 @@ std::string OpenSslErrors() {
     return text;
 }
 
+// Subject CN of a certificate; empty when there is none.
+std::string NameOf(X509* cert) {
+    X509_NAME* subject = X509_get_subject_name(cert);
+    int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+    if (index < 0) {
+        return std::string();
+    }
+    ASN1_STRING* data = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index));
+    unsigned char* utf8 = nullptr;
+    int length = ASN1_STRING_to_UTF8(&utf8, data);
+    if (length < 0) {
+        return std::string();
+    }
+    std::string name(reinterpret_cast<char*>(utf8), static_cast<size_t>(length));
+    OPENSSL_free(utf8);
+    return name;
+}
+
 // What the handler running on this thread is serving, and its header lines.
 thread_local const httplib::Request* wireRequest = nullptr;
 thread_local std::vector<std::string> wireHeaders;
 thread_local uint64_t wireConnection = 0;
+// The handler has refused a body it did not read: the connection ends with its answer.
+thread_local bool closeAfterAnswer = false;
 // Numbers the accepted connections, so that a test can tell which were reused.
 std::atomic<uint64_t> connectionsAccepted{0};
 
@@ -134,6 +154,7 @@ private:
             uint64_t connection = ++connectionsAccepted;
             for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock, ssl); --left) {
                 WireStream stream(sock, ssl);
+                closeAfterAnswer = false;
                 bool closed = false;
                 served = process_request(stream, left == 1, closed, [&](httplib::Request& req) {
                     req.ssl = ssl;
@@ -145,7 +166,7 @@ private:
                     wireConnection = connection;
                 });
                 wireRequest = nullptr;
-                if (!served || closed) {
+                if (!served || closed || closeAfterAnswer) {
                     break;
                 }
             }
@@ -329,27 +350,24 @@ std::string TlsServer::ClientCommonName(const httplib::Request& request) {
         return std::string();
     }
     X509* cert = SSL_get0_peer_certificate(request.ssl);
-    if (cert == nullptr) {
+    return cert == nullptr ? std::string() : NameOf(cert);
+}
+
+std::string TlsServer::CertificateCommonName(const std::string& pem) {
+    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    if (!bio) {
         return std::string();
     }
-    X509_NAME* subject = X509_get_subject_name(cert);
-    int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
-    if (index < 0) {
-        return std::string();
-    }
-    ASN1_STRING* data = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index));
-    unsigned char* utf8 = nullptr;
-    int length = ASN1_STRING_to_UTF8(&utf8, data);
-    if (length < 0) {
-        return std::string();
-    }
-    std::string name(reinterpret_cast<char*>(utf8), static_cast<size_t>(length));
-    OPENSSL_free(utf8);
-    return name;
+    std::unique_ptr<X509, X509Free> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+    return cert ? NameOf(cert.get()) : std::string();
 }
 
 std::vector<std::string> TlsServer::WireHeaders(const httplib::Request& request) {
     return wireRequest == &request ? wireHeaders : std::vector<std::string>();
+}
+
+void TlsServer::CloseAfterAnswer() {
+    closeAfterAnswer = true;
 }
 
 uint64_t TlsServer::ConnectionId(const httplib::Request& request) {

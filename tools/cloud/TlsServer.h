@@ -66,6 +66,13 @@ public:
     // Which connection the request came over: accepted connections are
     // numbered from 1; 0 outside a handler.
     static uint64_t ConnectionId(const httplib::Request& request);
+    // For a handler that answers without reading the whole body: the
+    // connection closes after the answer instead of reading the rest of the
+    // body as the next request.
+    static void CloseAfterAnswer();
+
+    // Subject CN of a PEM certificate; empty when there is none.
+    static std::string CertificateCommonName(const std::string& pem);
 
     static bool ReadFile(const std::string& path, std::string& content);
 

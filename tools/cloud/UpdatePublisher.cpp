@@ -1,8 +1,5 @@
 #include "tools/cloud/UpdatePublisher.h"
 
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-
 #include <fstream>
 #include <memory>
 #include <random>
@@ -13,34 +10,6 @@
 namespace ZelCloud {
 
 namespace {
-
-// Subject CN of a PEM certificate; empty when there is none.
-std::string CommonName(const std::string& pem) {
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
-    if (!bio) {
-        return std::string();
-    }
-    std::unique_ptr<X509, decltype(&X509_free)> cert(
-        PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr), X509_free);
-    if (!cert) {
-        return std::string();
-    }
-    X509_NAME* subject = X509_get_subject_name(cert.get());
-    int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
-    if (index < 0) {
-        return std::string();
-    }
-    ASN1_STRING* data = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index));
-    unsigned char* utf8 = nullptr;
-    int length = ASN1_STRING_to_UTF8(&utf8, data);
-    if (length < 0) {
-        return std::string();
-    }
-    std::string name(reinterpret_cast<char*>(utf8), static_cast<size_t>(length));
-    OPENSSL_free(utf8);
-    return name;
-}
 
 // An absent member keeps the default; one of the wrong type is refused.
 bool OptionalString(const Json::Value& fields, const char* key, std::string& value,
@@ -202,7 +171,7 @@ bool UpdateKeys::Load(const std::string& pkiDir, UpdateKeys& keys, std::string& 
             return false;
         }
     }
-    keys.deviceCn = CommonName(keys.deviceCertPem);
+    keys.deviceCn = TlsServer::CertificateCommonName(keys.deviceCertPem);
     if (keys.deviceCn.empty()) {
         error = "no common name in " + pkiDir + "/device.crt";
         return false;

@@ -17,8 +17,8 @@ namespace {
 void Usage() {
     fprintf(stderr,
             "usage: zel-cloud --pki DIR [--port N] [--control-port N] [--payload-port N]\n"
-            "                 [--settings FILE.json] [--long-poll-ms N] [--duration SECONDS]\n"
-            "                 [--quiet]\n");
+            "                 [--relay-port N] [--settings FILE.json] [--long-poll-ms N]\n"
+            "                 [--duration SECONDS] [--quiet]\n");
 }
 
 bool ParseNumber(const char* text, long min, long max, long& value) {
@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
     ZelCloud::CloudOptions options;
     options.controlPort = 0;
     options.payloadPort = 0;
+    options.relayPort = 0;
     long duration = 0;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -66,6 +67,10 @@ int main(int argc, char** argv) {
         } else if (arg == "--payload-port" && hasValue &&
                    ParseNumber(argv[i + 1], -1, 65535, number)) {
             options.payloadPort = static_cast<int>(number);
+            ++i;
+        } else if (arg == "--relay-port" && hasValue &&
+                   ParseNumber(argv[i + 1], -1, 65535, number)) {
+            options.relayPort = static_cast<int>(number);
             ++i;
         } else if (arg == "--settings" && hasValue) {
             if (!ReadSettings(argv[++i], options.settings)) {
@@ -111,6 +116,10 @@ int main(int argc, char** argv) {
     if (cloud.payloadPort() >= 0) {
         printf("zel-cloud: payloads on http://127.0.0.1:%d/payloads/\n", cloud.payloadPort());
     }
+    if (cloud.relayPort() >= 0) {
+        printf("zel-cloud: media relay on http://127.0.0.1:%d/streams/\n", cloud.relayPort());
+    }
+    printf("zel-cloud: support console on http://127.0.0.1:%d/\n", cloud.controlPort());
     fflush(stdout);
 
     int received = 0;
