@@ -58,6 +58,7 @@ AgentLab::AgentLab(const Json::Value& settings) : log_(dir_.file("agent.log")) {
     options.port = labPort();
     options.quiet = true;
     options.payloadPort = 0;
+    options.relayPort = 0;
     options.settings = settings;
     cloud_ = std::make_unique<ZelCloud::Cloud>(options);
     if (!cloud_->start()) {
