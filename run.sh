@@ -3,14 +3,16 @@
 # local cloud on loopback and runs zel-host against it for ZEL_RUN_SECONDS
 # (default 30) or until Ctrl-C. zel-host opens a remote-support session; a
 # demo in the background runs a few commands in it through the cloud's
-# control interface, prints their answers and closes the session again, then
-# publishes an update that zel-host downloads, showing its progress, and
-# provisions one secure object.
+# control interface, prints their answers, streams the screen to the cloud's
+# media relay for a moment, runs the network diagnostics and closes the
+# session again, then publishes an update that zel-host downloads, showing
+# its progress, and provisions one secure object. The support console, on the
+# control interface, shows all of it in a browser.
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
 "$root/scripts/setup.sh"
 echo "run: building (first time takes a few minutes)"
-ZEL_TARGETS="zel zel-host zel-cloud" "$root/scripts/build.sh" "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ZEL_TARGETS="zel zel-host zel-cloud zel_korvane_sample" "$root/scripts/build.sh" "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 seconds=${ZEL_RUN_SECONDS:-30}
 port=${ZEL_CLOUD_PORT:-18443}
@@ -38,7 +40,11 @@ results = [r for s in json.load(sys.stdin) if s.get("code") == code
            for r in s.get("results", []) if r.get("taskSeqNum") == seq]
 if not results:
     sys.exit(1)
-document = results[-1].get("document")
+# The device's own text keeps its members in the order it wrote them.
+try:
+    document = json.loads(results[-1].get("taskResponse", ""))
+except ValueError:
+    document = results[-1].get("document")
 if not isinstance(document, dict):
     lines = ["task %d: not a JSON answer: %s" % (seq, results[-1].get("taskResponse"))]
 else:
@@ -55,7 +61,7 @@ else:
                         command.get("ID"), command.get("VERSION"),
                         ", ".join(command.get("OPERATIONS", []))))
             elif isinstance(data, dict) and data:
-                for key in sorted(data):
+                for key in data:
                     value = data[key]
                     lines.append("  %s: %s" % (key, value if isinstance(value, (str, int, float))
                                                else json.dumps(value)))
@@ -106,11 +112,13 @@ demo() {
     say "no active session after 20 s; the agent's log above says why (lines with 'sv')"
     return 0
   fi
-  say "session $code is open; running three commands in it"
+  say "session $code is open; running commands in it"
   run_command FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO '{}' &&
     run_command FFFFFF_LIVE_SUPPORT_GET_AVAILABLE_COMMANDS '{}' &&
     run_command FFFFFF_LIVE_SUPPORT_TV_REMOTE_BUTTON '{"BUTTONS": ["HOME", "UP", "ENTER"]}' ||
     return 0
+  stream
+  run_command FFFFFF_LIVE_SUPPORT_NETWORK_DIAGNOSTICS '{}' || true
   local host
   host=$(cat "$lab/zel-host.pid" 2>/dev/null) && kill -0 "$host" 2>/dev/null ||
     { say "zel-host is gone; not closing the session"; return 0; }
@@ -122,6 +130,33 @@ demo() {
     say "session $code still open after 20 s"
   fi
   update
+}
+
+relay=
+streamed() {
+  frames=$(curl -sS --max-time 3 "http://127.0.0.1:$control/control/streams" 2>/dev/null |
+    python3 -c '
+import json, sys
+for s in json.load(sys.stdin):
+    if s["name"] == "demo" and s["frames"] >= 30:
+        print("%d frames, %d KiB" % (s["frames"], s["bytes"] // 1024))
+' 2>/dev/null) && [ -n "$frames" ]
+}
+# Starts the screen stream to the cloud's media relay, waits for 30 frames
+# and stops it; the console shows it live meanwhile.
+stream() {
+  relay=$(curl -sS --max-time 3 "http://127.0.0.1:$control/control/relay" 2>/dev/null |
+    python3 -c 'import json, sys; print(json.load(sys.stdin)["port"])' 2>/dev/null) ||
+    { say "the cloud has no media relay"; return 0; }
+  run_command FFFFFF_LIVE_SUPPORT_MEDIA_STREAM_TRANSPORT_CONTROL "{\"ACTION\": \"RUNNING\",
+      \"RELAY_SERVER_ADDRESS\": \"127.0.0.1\", \"RELAY_SERVER_PORT\": $relay,
+      \"RELAY_SERVER_URI\": \"/streams/demo\"}" || return 0
+  if poll 20 streamed; then
+    say "the relay has $frames of the screen; watch it at http://127.0.0.1:$control/"
+  else
+    say "no frames at the relay after 20 s"
+  fi
+  run_command FFFFFF_LIVE_SUPPORT_MEDIA_STREAM_TRANSPORT_CONTROL '{"ACTION": "SHUT_DOWN"}' || true
 }
 
 reported() {
@@ -204,12 +239,14 @@ curl -sS --max-time 3 -d '{"index": 1, "key": "000102030405060708090a0b0c0d0e0f"
 demo &
 demo_pid=$!
 
-echo "run: zel-host for $seconds seconds against https://FFFFFF0ACC-da.zel.localhost:$port" \
-  "(control interface on http://127.0.0.1:$control)"
+echo "run: zel-host for $seconds seconds against https://FFFFFF0ACC-da.zel.localhost:$port"
+echo "run: the support console is at http://127.0.0.1:$control/ - open it in a browser while this runs"
 # In the foreground, so that it keeps the terminal ("s" + Enter toggles the
 # session); the wrapper leaves its pid for the demo's SIGUSR1.
 host_status=0
-sh -c 'echo $$ > "$0"; exec "$@"' "$lab/zel-host.pid" "$root/build/tools/host/zel-host" \
+# The sample vendor plug-in gives the agent a screen to stream.
+ZEL_KORVANE_PLUGIN="$root/build/tools/korvane/libzel_korvane_sample.so" \
+  sh -c 'echo $$ > "$0"; exec "$@"' "$lab/zel-host.pid" "$root/build/tools/host/zel-host" \
   --identity "$lab/pki/identity.json" --config "$lab/config.json" \
   --device "$lab/pki/device.json" --duration "$seconds" --session \
   --update-permission download || host_status=$?

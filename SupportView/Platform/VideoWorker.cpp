@@ -91,8 +91,11 @@ void VideoWorker::loop() {
                    gst_element_set_state(pipeline_, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
     if (playing) {
         const Video::VideoParameters& video = settings_.video;
-        unsigned interval = std::max(
-            1u, 1000u * video.frameRateDenominator / std::max(1u, video.frameRateNumerator));
+        // Frame k is due k * den / num seconds in; whole milliseconds between
+        // frames would run 60/1 at 62.5 frames a second.
+        const uint64_t periodNumerator = 1000ull * video.frameRateDenominator;
+        const uint64_t periodDenominator = std::max(1u, video.frameRateNumerator);
+        uint64_t frames = 0;
         TimeManager& time = TimeManager::Instance();
         timespec next = time.now();
         LockMutex lock(mutex_);
@@ -106,7 +109,16 @@ void VideoWorker::loop() {
                 }
                 ZEL_LOG(ServiceSv, CategoryFlow, SeverityDebug, "----- Prev time : %d:%d",
                         static_cast<int>(next.tv_sec), static_cast<int>(next.tv_nsec));
-                time.updateTimestamp(now, next, interval, 0);
+                ++frames;
+                auto step =
+                    static_cast<unsigned>(frames * periodNumerator / periodDenominator -
+                                          (frames - 1) * periodNumerator / periodDenominator);
+                // From the last deadline, so the rate holds; a late frame does not bring a burst.
+                timespec last = next;
+                time.updateTimestamp(last, next, std::max(1u, step), 0);
+                if (before(next, now)) {
+                    next = now;
+                }
                 ZEL_LOG(ServiceSv, CategoryFlow, SeverityDebug, "----- Next time : %d:%d",
                         static_cast<int>(next.tv_sec), static_cast<int>(next.tv_nsec));
                 continue;
