@@ -41,9 +41,8 @@ Json::Value settings(const char* extra = "{}") {
     return merged;
 }
 
-// Opens a session, runs the diagnostics and waits for the answer: the task's
-// result as the cloud recorded it.
-Json::Value diagnose(AgentLab& lab) {
+// Opens a session and queues the diagnostics in it.
+void startDiagnostics(AgentLab& lab) {
     EXPECT_EQ(ZelResultSuccess, ZelSessionInit(0));
     EXPECT_TRUE(lab.waitForSessionState(ZelSessionStateReady));
     Json::Value requests = ParseJson(R"([{"COMMAND": {"NAME": "", "OPERATION": "EXECUTE"},
@@ -52,6 +51,11 @@ Json::Value diagnose(AgentLab& lab) {
     uint32_t seqNum = 0;
     std::string error;
     EXPECT_TRUE(lab.cloud().queueTask(requests, seqNum, error)) << error;
+}
+
+// The diagnostics' answer: the task's result as the cloud recorded it.
+Json::Value diagnose(AgentLab& lab) {
+    startDiagnostics(lab);
     EXPECT_TRUE(lab.cloud().waitForResults(1, std::chrono::seconds(60)));
     Json::Value sessions = lab.cloud().sessions();
     return sessions[sessions.size() - 1]["results"][0];
@@ -157,14 +161,7 @@ TEST_F(NetworkDiagnostics, ShutDownDuringASpeedTest) {
     AgentLab& lab = started();
     // The download hangs; ZelTerm must not wait for it, nor free what it uses.
     lab.cloud().addFault(Fault("/speedtest/download", FaultPlan::Kind::Delay, 0, 15000));
-    EXPECT_EQ(ZelResultSuccess, ZelSessionInit(0));
-    ASSERT_TRUE(lab.waitForSessionState(ZelSessionStateReady));
-    Json::Value requests = ParseJson(R"([{"COMMAND": {"NAME": "", "OPERATION": "EXECUTE"},
-                                          "INPUTS": {}}])");
-    requests[0]["COMMAND"]["NAME"] = kDiagnostics;
-    uint32_t seqNum = 0;
-    std::string error;
-    ASSERT_TRUE(lab.cloud().queueTask(requests, seqNum, error)) << error;
+    startDiagnostics(lab);
     ASSERT_TRUE(lab.waitForLog("Running the download speed test."));
     auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(lab.term());

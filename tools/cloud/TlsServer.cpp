@@ -15,6 +15,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tools/cloud/SocketAddress.h"
+
 namespace ZelCloud {
 
 namespace {
@@ -98,10 +100,10 @@ public:
         return put > 0 ? put : -1;
     }
     void get_remote_ip_and_port(std::string& ip, int& port) const override {
-        address(getpeername, ip, port);
+        SocketAddress(getpeername, fd_, ip, port);
     }
     void get_local_ip_and_port(std::string& ip, int& port) const override {
-        address(getsockname, ip, port);
+        SocketAddress(getsockname, fd_, ip, port);
     }
     socket_t socket() const override { return fd_; }
 
@@ -119,18 +121,6 @@ public:
 
 private:
     static constexpr int kTimeoutMs = 5000;
-
-    template <typename Get>
-    void address(Get get, std::string& ip, int& port) const {
-        sockaddr_in peer{};
-        socklen_t length = sizeof peer;
-        char text[INET_ADDRSTRLEN] = "";
-        if (get(fd_, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
-            inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
-            port = ntohs(peer.sin_port);
-        }
-        ip = text;
-    }
 
     int fd_;
     SSL* ssl_;
