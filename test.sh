@@ -32,6 +32,7 @@ for config in "${configs[@]}"; do
   echo "== $config: running the tests"
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp"
   export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp"
   (cd "$root/$dir" && ctest --output-on-failure -j"$jobs" --timeout 600)
 done

@@ -28,6 +28,8 @@ for candidate in /usr/lib/llvm-14/bin/llvm-symbolizer "$(command -v llvm-symboli
   fi
 done
 export ASAN_OPTIONS="detect_leaks=1$symbolizer"
+# GLib keeps its first quark table alive on purpose (see tests/lsan.supp).
+export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1$symbolizer"
 
 # The fuzzers write new inputs into their corpus and may look at their working
