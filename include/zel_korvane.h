@@ -121,7 +121,8 @@ typedef void (*ZelKorvaneCreateCommandsExt)(ZelKorvaneRegisterCommand registerCo
  * rows of getVideoWidthExt() pixels, getVideoHeightExt() rows. layer is one
  * of ZEL_KORVANE_LAYER_*. Writes at most size bytes into buffer and returns
  * the number of bytes written, or a negative value when no frame could be
- * grabbed. Runs on the streaming thread without the core mutex.
+ * grabbed. Runs on the agent's "VideoWorker" thread, once per frame, without
+ * the core mutex.
  */
 #define ZEL_KORVANE_LAYER_GRAPHICS 0u
 #define ZEL_KORVANE_LAYER_VIDEO 1u
@@ -140,6 +141,8 @@ typedef const char* (*ZelKorvaneGetGstreamerPathExt)(void);
 /* ---------------------------------------------------------------------------
  * Symbols "getVideoWidthExt" and "getVideoHeightExt"
  *
+ * Called when a stream starts, on the "VideoWorker" thread without the core
+ * mutex.
  * Return the width (height) in pixels of the frames fillVideoBufferExt
  * delivers. When visible is not NULL it receives the width (height) of the
  * part of the frame that shows picture, starting at the left (top) edge; the
