@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "Core/Platform/HexUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/OpenSsl.h"
 
@@ -302,14 +303,7 @@ std::string FileUtil::calcMd5Hash(const char* data, unsigned len) {
         ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", error.c_str());
         return std::string();
     }
-    static const char kHex[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(digestLen * 2);
-    for (unsigned i = 0; i < digestLen; ++i) {
-        hex.push_back(kHex[digest[i] >> 4]);
-        hex.push_back(kHex[digest[i] & 0x0f]);
-    }
-    return hex;
+    return HexUtil::Encode(digest, digestLen);
 }
 
 bool FileUtil::doWrite(const std::vector<std::string>& files, const std::string& dir,

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include "Core/Platform/HexUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/OpenSsl.h"
 
@@ -21,12 +22,7 @@ bool Sha256Util::Hash(const std::string& in, std::string& out) {
         ZEL_LOG(ServiceCore, CategoryState, SeverityError, "ERROR: %s", error.c_str());
         return false;
     }
-    static const char kHex[] = "0123456789abcdef";
-    out.reserve(digestLen * 2);
-    for (unsigned i = 0; i < digestLen; ++i) {
-        out.push_back(kHex[digest[i] >> 4]);
-        out.push_back(kHex[digest[i] & 0x0f]);
-    }
+    out = HexUtil::Encode(digest, digestLen);
     return true;
 }
 

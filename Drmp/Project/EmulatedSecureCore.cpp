@@ -5,6 +5,8 @@
 #include <mutex>
 #include <vector>
 
+#include "Core/Platform/HexUtil.h"
+
 namespace Zel {
 namespace Drmp {
 
@@ -23,35 +25,6 @@ struct Core {
 Core& core() {
     static Core* instance = new Core;
     return *instance;
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-bool fromHex(const std::string& text, std::vector<uint8_t>& bytes) {
-    if (text.empty() || text.size() % 2 != 0) {
-        return false;
-    }
-    bytes.clear();
-    for (size_t i = 0; i < text.size(); i += 2) {
-        int high = hexValue(text[i]);
-        int low = hexValue(text[i + 1]);
-        if (high < 0 || low < 0) {
-            return false;
-        }
-        bytes.push_back(static_cast<uint8_t>(high * 16 + low));
-    }
-    return true;
 }
 
 std::string trimmed(const std::string& text) {
@@ -121,7 +94,7 @@ void EmulatedSecureCore::Configure(uint32_t ulpkIndex, const std::string& ulpkHe
                                    const std::string& objectNames) {
     std::lock_guard<std::mutex> lock(core().mutex);
     core().index = ulpkIndex;
-    core().ulpkReadable = fromHex(ulpkHex, core().ulpk);
+    core().ulpkReadable = Zel::Core::HexUtil::Decode(ulpkHex, core().ulpk);
     core().names.clear();
     size_t start = 0;
     while (start <= objectNames.size()) {

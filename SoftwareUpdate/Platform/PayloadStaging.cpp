@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "Core/Platform/HexUtil.h"
 #include "Core/Platform/Logger.h"
 #include "Core/Platform/StringUtil.h"
 #include "Core/Platform/TimeManager.h"
@@ -329,15 +330,11 @@ bool PayloadManager::finishBlock(uint32_t block, bool resumed) {
         if (EVP_DigestFinal_ex(hash_.get(), digest, &length) != 1) {
             return internal("payload problem - hash cannot be finalized");
         }
-        char hex[2 * EVP_MAX_MD_SIZE + 1];
-        for (unsigned i = 0; i < length; ++i) {
-            snprintf(hex + 2 * i, 3, "%02x", digest[i]);
-        }
-        hex[2 * length] = '\0';
-        ZEL_LOG(ServiceSu, CategoryFlow, SeverityInfo, "dstHash = %s", hex);
+        std::string hex = HexUtil::Encode(digest, length);
+        ZEL_LOG(ServiceSu, CategoryFlow, SeverityInfo, "dstHash = %s", hex.c_str());
         if (metadata_.hash != hex) {
-            return refuse(nullptr, "payload problem - cannot verify hash, %s instead of %s", hex,
-                          metadata_.hash.c_str());
+            return refuse(nullptr, "payload problem - cannot verify hash, %s instead of %s",
+                          hex.c_str(), metadata_.hash.c_str());
         }
     }
     return resumed || writeBlock(block);
