@@ -308,11 +308,6 @@ bool Video::IsScalingAlgorithm(const std::string& algorithm) {
     return algorithm == "NEAREST" || algorithm == "BILINEAR" || algorithm == "LANCZOS";
 }
 
-bool Video::IsLayer(const std::string& layer) {
-    unsigned code = 0;
-    return VideoUtils::LayerCode(layer, code);
-}
-
 bool Video::IsAction(const std::string& action) {
     return action == kRunning || action == kSendKeyframeNext || action == kShutDown;
 }

@@ -35,8 +35,7 @@ public:
         bool secure = false;
     };
 
-    // The plug-in's frame sizes and the location the sink posts to, fixed
-    // when a stream starts.
+    // What a stream is started with: its parameters, its relay and its number.
     struct StreamSettings {
         VideoParameters video;
         ServerParameters server;
@@ -74,7 +73,6 @@ public:
 
     static bool IsStreamFormat(const std::string& container, const std::string& codec);
     static bool IsScalingAlgorithm(const std::string& algorithm);
-    static bool IsLayer(const std::string& layer);
     static bool IsAction(const std::string& action);
     // Host name or address and URI that cannot change the location's shape.
     static bool IsServer(const ServerParameters& server);
