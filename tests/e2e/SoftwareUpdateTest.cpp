@@ -53,7 +53,7 @@ std::string payloadOf(size_t size, uint64_t seed = 7) {
 
 PayloadFaults::Fault payloadFault(const std::string& id, PayloadFaults::Kind kind, int status = 0,
                                   long delayMs = 0, uint64_t offset = 0, unsigned count = 1000) {
-    return {id, kind, status, delayMs, offset, count};
+    return {id, kind, status, delayMs, offset, count, ""};
 }
 
 // The reports the cloud received, as (status, details).

@@ -371,7 +371,8 @@ TEST(BadInput, KilledDuringANetworkDownloadResumes) {
     std::string error;
     ASSERT_TRUE(lab.cloud().publishUpdate(spec, update, error)) << error;
     // Slow blocks, so that a kill lands in the middle of the staging.
-    lab.cloud().addPayloadFault({update.id, ZelCloud::PayloadFaults::Kind::Delay, 0, 100, 0, 1000});
+    lab.cloud().addPayloadFault(
+        {update.id, ZelCloud::PayloadFaults::Kind::Delay, 0, 100, 0, 1000, ""});
     for (size_t killAfter : {2u, 5u}) {
         SCOPED_TRACE(killAfter);
         auto probe = std::make_unique<Probe>(lab);

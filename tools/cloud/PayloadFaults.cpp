@@ -15,6 +15,9 @@ std::string PayloadFaults::Action::describe() const {
     }
     if (status != 0) {
         append("status " + std::to_string(status));
+    } else if (hasBody) {
+        append("body of " + std::to_string(body.size()) + " bytes, status " +
+               std::to_string(bodyStatus));
     } else if (drop) {
         append("dropped");
     }
@@ -55,7 +58,23 @@ bool PayloadFaults::add(const Json::Value& fields, std::string& error) {
     }
 
     std::vector<Fault> faults;
-    if (fields.isMember("status")) {
+    if (fields.isMember("body")) {
+        const Json::Value& body = fields["body"];
+        const Json::Value& status = fields["status"];
+        if (!body.isString()) {
+            error = "\"body\" must be a string";
+            return false;
+        }
+        if (!status.isNull() && (!status.isInt() || status.asInt() < 200 || status.asInt() > 599)) {
+            error = "\"status\" must be an HTTP status code";
+            return false;
+        }
+        Fault f = fault;
+        f.kind = Kind::Body;
+        f.status = status.isNull() ? 200 : status.asInt();
+        f.body = body.asString();
+        faults.push_back(f);
+    } else if (fields.isMember("status")) {
         const Json::Value& status = fields["status"];
         if (!status.isInt() || status.asInt() < 100 || status.asInt() > 599) {
             error = "\"status\" must be an HTTP status code";
@@ -100,7 +119,9 @@ bool PayloadFaults::add(const Json::Value& fields, std::string& error) {
         faults.push_back(f);
     }
     if (faults.empty()) {
-        error = "a payload fault needs one of \"status\", \"delayMs\", \"drop\", \"corruptOffset\"";
+        error =
+            "a payload fault needs one of \"status\", \"delayMs\", \"drop\", \"corruptOffset\", "
+            "\"body\"";
         return false;
     }
     for (const Fault& f : faults) {
@@ -112,7 +133,7 @@ bool PayloadFaults::add(const Json::Value& fields, std::string& error) {
 PayloadFaults::Action PayloadFaults::take(const std::string& id) {
     Action action;
     std::lock_guard<std::mutex> lock(mutex_);
-    bool seen[4] = {false, false, false, false};
+    bool seen[5] = {false, false, false, false, false};
     for (Fault& fault : faults_) {
         size_t index = static_cast<size_t>(fault.kind);
         if (fault.kind == Kind::Corrupt || seen[index] || (!fault.id.empty() && fault.id != id)) {
@@ -123,6 +144,10 @@ PayloadFaults::Action PayloadFaults::take(const std::string& id) {
             action.status = fault.status;
         } else if (fault.kind == Kind::Delay) {
             action.delayMs = fault.delayMs;
+        } else if (fault.kind == Kind::Body) {
+            action.hasBody = true;
+            action.bodyStatus = fault.status != 0 ? fault.status : 200;
+            action.body = fault.body;
         } else {
             action.drop = true;
         }
@@ -177,6 +202,10 @@ Json::Value PayloadFaults::toJson() const {
                 break;
             case Kind::Corrupt:
                 item["corruptOffset"] = static_cast<Json::UInt64>(fault.offset);
+                break;
+            case Kind::Body:
+                item["status"] = fault.status;
+                item["body"] = fault.body;
                 break;
         }
         list.append(item);

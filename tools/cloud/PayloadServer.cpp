@@ -143,10 +143,12 @@ void PayloadServer::answer(const httplib::Request& req, httplib::Response& res,
         updates_.addRequest(record);
         return;
     }
-    if (action.status != 0) {
-        res.status = record.status = action.status;
-        res.set_content("payload fault\n", "text/plain");
+    if (action.status != 0 || action.hasBody) {
+        res.status = record.status = action.status != 0 ? action.status : action.bodyStatus;
+        res.set_content(action.status != 0 ? std::string("payload fault\n") : action.body,
+                        action.status != 0 ? "text/plain" : "application/octet-stream");
         record.fault = action.describe();
+        record.bytes = action.status != 0 ? 0 : action.body.size();
         updates_.addRequest(record);
         return;
     }
