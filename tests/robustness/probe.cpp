@@ -2,10 +2,11 @@
 // directory given as its argument and answers each command on stdin with one
 // line on stdout: "init IDENTITY CONFIG DEVICE" (files), "term",
 // "factory-reset", "factory-reset-offline CONFIG", "status", "oem TEXT",
-// "session" (ZelSessionInit(0)), "permission N" (ZelSetSoftwareUpdatePermission),
-// "wait-update N" (until the update state is N) and "wait-state N", which answers "state N <ms
-// since the last term or factory-reset>". "exit" and the end of stdin return from main at once,
-// whatever the agent is doing, as a host may.
+// "session" (ZelSessionInit(0)), "permission N" (ZelSetSoftwareUpdatePermission), "drmp"
+// (ZelCheckForDrmpUpdate), "wait-update N" (until the update state is N; "any": until there is
+// one, answering "update STATE 0") and "wait-state N",
+// which answers "state N <ms since the last term or factory-reset>". "exit" and the end of stdin
+// return from main at once, whatever the agent is doing, as a host may.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -75,16 +76,20 @@ int main(int argc, char** argv) {
             result = ZelSetOemMsg(line.substr(line.find(' ') + 1).c_str());
         } else if (command == "session") {
             result = ZelSessionInit(0);
+        } else if (command == "drmp") {
+            result = ZelCheckForDrmpUpdate();
         } else if (command == "permission") {
             result = ZelSetSoftwareUpdatePermission(static_cast<uint32_t>(std::stoul(a)));
         } else if (command == "wait-update") {
-            uint32_t wanted = static_cast<uint32_t>(std::stoul(a));
+            bool any = a == "any";
+            uint32_t wanted = any ? 0 : static_cast<uint32_t>(std::stoul(a));
             for (;;) {
                 ZelStatus status{};
                 ZelGetStatus(ZelStatusMethodNow, &status);
                 uint32_t state = status.updateState;
                 ZelFreeStatus(&status);
-                if (state == wanted) {
+                if (any ? state != ZelSoftwareUpdateStateNotAvailable : state == wanted) {
+                    a = std::to_string(state);
                     break;
                 }
                 ZelGetStatus(ZelStatusMethodWaitForChange, &status);

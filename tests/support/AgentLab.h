@@ -78,6 +78,10 @@ public:
     };
     Status status() const;
 
+    // Waits until `reached` holds, looked at on every change of the agent's status.
+    bool waitForStatus(const std::function<bool()>& reached,
+                       std::chrono::milliseconds timeout = kPatience);
+
     bool waitFor(const ZelCloud::RequestLog::Predicate& predicate) {
         return cloud_->waitFor(predicate, kPatience);
     }
@@ -98,8 +102,6 @@ public:
     }
 
 private:
-    bool waitForStatus(const std::function<bool()>& reached, std::chrono::milliseconds timeout);
-
     TempDir dir_;
     LogFile log_;
     std::unique_ptr<ZelCloud::Cloud> cloud_;

@@ -74,12 +74,19 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 
 ChildProcess::~ChildProcess() {
     if (!exit_) {
-        syscall(SYS_pidfd_send_signal, pidfd_, SIGKILL, nullptr, 0);
+        kill(SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
     close(in_);
     close(out_);
     close(pidfd_);
+}
+
+void ChildProcess::kill(int signal) {
+    // Through the pidfd: never a recycled pid.
+    if (!exit_) {
+        syscall(SYS_pidfd_send_signal, pidfd_, signal, nullptr, 0);
+    }
 }
 
 bool ChildProcess::writeLine(const std::string& line) {

@@ -34,6 +34,8 @@ public:
     // The next line of output without its newline; nothing when the output
     // ends or no line comes within `timeout`.
     std::optional<std::string> readLine(std::chrono::milliseconds timeout);
+    // Sends `signal` to the child unless it has been seen to end.
+    void kill(int signal);
     // Waits for the child to end; nothing when it still runs after `timeout`.
     std::optional<Exit> wait(std::chrono::milliseconds timeout);
 
