@@ -13,9 +13,18 @@ packages=(
   iputils-ping
 )
 # The console's browser test needs a browser and its driver; only the tests do.
-if [ "${1:-}" = "--tests" ]; then
-  packages+=(chromium chromium-driver python3-selenium)
-fi
+# bench/footprint.sh sizes the library (binutils), follows the heap (heaptrack)
+# and the peak resident set (time).
+for option in "$@"; do
+  case $option in
+    --tests) packages+=(chromium chromium-driver python3-selenium) ;;
+    --bench) packages+=(binutils heaptrack time) ;;
+    *)
+      echo "usage: setup.sh [--tests] [--bench]" >&2
+      exit 2
+      ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
