@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "Core/Platform/HexUtil.h"
 #include "tools/pack/Pack.h"
 
 namespace {
@@ -62,16 +63,6 @@ bool EncryptBlock(EVP_CIPHER_CTX* context, const ZelPack::KeyBlock& keys, uint32
            EVP_EncryptFinal_ex(context, out + length, &tail) == 1 &&
            static_cast<uint32_t>(length + tail) == size &&
            EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_GCM_GET_TAG, kTagBytes, out + size) == 1;
-}
-
-std::string Hex(const unsigned char* bytes, unsigned int size) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < size; ++i) {
-        hex.push_back(kDigits[bytes[i] >> 4]);
-        hex.push_back(kDigits[bytes[i] & 0x0f]);
-    }
-    return hex;
 }
 
 bool WriteAll(int fd, const unsigned char* data, size_t size, uint64_t offset) {
@@ -120,7 +111,7 @@ std::string WriteBlocks(int fd, uint64_t offset, uint64_t plainBytes,
     unsigned char hash[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     ok = ok && EVP_DigestFinal_ex(digest.get(), hash, &length) == 1;
-    return ok ? Hex(hash, length) : std::string();
+    return ok ? Zel::Core::HexUtil::Encode(hash, length) : std::string();
 }
 
 }  // namespace

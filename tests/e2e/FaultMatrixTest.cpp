@@ -83,6 +83,22 @@ const char* NameOf(Bad bad) {
     return names[static_cast<int>(bad)];
 }
 
+// The status a fault answers with; 0 for the faults that are not a status.
+int StatusOf(Bad bad) {
+    switch (bad) {
+        case Bad::S500:
+            return 500;
+        case Bad::S503:
+            return 503;
+        case Bad::S422:
+            return 422;
+        case Bad::S428:
+            return 428;
+        default:
+            return 0;
+    }
+}
+
 bool Transport(Bad bad) {
     return bad == Bad::S500 || bad == Bad::S503 || bad == Bad::Slow || bad == Bad::Dropped ||
            bad == Bad::Oversized;
@@ -236,18 +252,12 @@ protected:
         since_ = Clock::now();
         if (payload()) {
             PayloadFaults::Fault fault{first_.id, PayloadFaults::Kind::Status, 0, 0, 0, 1, ""};
+            fault.status = StatusOf(bad());
             switch (bad()) {
                 case Bad::S500:
-                    fault.status = 500;
-                    break;
                 case Bad::S503:
-                    fault.status = 503;
-                    break;
                 case Bad::S422:
-                    fault.status = 422;
-                    break;
                 case Bad::S428:
-                    fault.status = 428;
                     break;
                 case Bad::Slow:
                     fault.kind = PayloadFaults::Kind::Delay;
@@ -274,19 +284,12 @@ protected:
             lab_->cloud().addPayloadFault(fault);
             return;
         }
-        FaultPlan::Fault fault = Fault(path(), FaultPlan::Kind::Status);
+        FaultPlan::Fault fault = Fault(path(), FaultPlan::Kind::Status, StatusOf(bad()));
         switch (bad()) {
             case Bad::S500:
-                fault.status = 500;
-                break;
             case Bad::S503:
-                fault.status = 503;
-                break;
             case Bad::S422:
-                fault.status = 422;
-                break;
             case Bad::S428:
-                fault.status = 428;
                 break;
             case Bad::Slow:
                 // Held past the time-out, then never answered: the cloud must not act on it.
@@ -551,16 +554,8 @@ private:
     }
 
     bool queueTask() {
-        Json::Value request(Json::objectValue);
-        request["COMMAND"]["NAME"] = "FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO";
-        request["COMMAND"]["OPERATION"] = "EXECUTE";
-        request["COMMAND"]["VERSION"] = 0;
-        request["INPUTS"] = Json::Value(Json::objectValue);
-        Json::Value requests(Json::arrayValue);
-        requests.append(request);
-        uint32_t seqNum = 0;
         std::string error;
-        bool queued = lab_->cloud().queueTask(requests, seqNum, error);
+        bool queued = lab_->queueCommand("FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO", error);
         EXPECT_TRUE(queued) << error;
         return queued;
     }

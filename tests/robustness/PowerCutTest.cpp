@@ -146,17 +146,10 @@ protected:
                                                sessions[sessions.size() - 1]["state"] == "active";
                                     },
                                     left);
+        std::string error;
         if (opened) {
-            Json::Value request(Json::objectValue);
-            request["COMMAND"]["NAME"] = "FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO";
-            request["COMMAND"]["OPERATION"] = "EXECUTE";
-            request["COMMAND"]["VERSION"] = 0;
-            request["INPUTS"] = Json::Value(Json::objectValue);
-            Json::Value requests(Json::arrayValue);
-            requests.append(request);
-            uint32_t seqNum = 0;
-            std::string error;
-            lab_.cloud().queueTask(requests, seqNum, error);  // gone already: no task this time
+            // The session may be gone already: then no task this time.
+            lab_.queueCommand("FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO", error);
         }
     }
 

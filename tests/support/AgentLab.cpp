@@ -215,6 +215,18 @@ std::vector<ZelCloud::RecordedRequest> AgentLab::calls(const std::string& path) 
     return result;
 }
 
+bool AgentLab::queueCommand(const std::string& name, std::string& error) {
+    Json::Value request(Json::objectValue);
+    request["COMMAND"]["NAME"] = name;
+    request["COMMAND"]["OPERATION"] = "EXECUTE";
+    request["COMMAND"]["VERSION"] = 0;
+    request["INPUTS"] = Json::Value(Json::objectValue);
+    Json::Value requests(Json::arrayValue);
+    requests.append(request);
+    uint32_t seqNum = 0;
+    return cloud_->queueTask(requests, seqNum, error);
+}
+
 AgentLab& LabTest::lab(const Json::Value& settings) {
     lab_.reset();
     lab_ = std::make_unique<AgentLab>(settings);

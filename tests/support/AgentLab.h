@@ -94,6 +94,10 @@ public:
     std::vector<ZelCloud::RecordedRequest> requests(const std::string& prefix = "") const;
     std::vector<ZelCloud::RecordedRequest> calls(const std::string& path) const;
 
+    // Queues one task, an EXECUTE of the command `name` without inputs, for
+    // the active session; false with the cloud's reason when it has none.
+    bool queueCommand(const std::string& name, std::string& error);
+
     const LogFile& log() const { return log_; }
     size_t logCount(const std::string& message) const { return log_.count(message); }
     bool waitForLog(const std::string& message, size_t count = 1,
