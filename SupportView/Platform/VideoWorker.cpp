@@ -421,7 +421,9 @@ GstBusSyncReply VideoWorker::busCallbackHandler(GstMessage* message) {
         default:
             break;
     }
-    // Nobody pops the bus: whatever was posted would pile up there.
+    // Nobody pops the bus: whatever was posted would pile up there. A sync handler
+    // that drops a message owns it, and each message holds its element.
+    gst_message_unref(message);
     return GST_BUS_DROP;
 }
 

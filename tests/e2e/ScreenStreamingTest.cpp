@@ -6,6 +6,7 @@
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -13,6 +14,9 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <set>
+#include <sstream>
+#include <string>
 #include <thread>
 
 #include "support/AgentLab.h"
@@ -146,15 +150,49 @@ std::map<std::string, int> threadNames() {
     return names;
 }
 
-// Waits until the threads are those of `before` again.
-bool threadsBackTo(const std::map<std::string, int>& before) {
+// How many of this process's descriptors are local sockets. A stream's sink
+// holds a pair of them; the cloud and the agent use TCP only.
+int localSockets() {
+    std::set<std::string> inodes;
+    std::ifstream table("/proc/net/unix");
+    std::string line;
+    std::getline(table, line);
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string field;
+        for (int i = 0; i < 6 && fields >> field; ++i) {
+        }
+        if (fields >> field) {
+            inodes.insert("socket:[" + field + "]");
+        }
+    }
+    int count = 0;
+    DIR* fds = opendir("/proc/self/fd");
+    if (fds == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(fds)) {
+        char target[64] = {};
+        std::string path = std::string("/proc/self/fd/") + entry->d_name;
+        if (readlink(path.c_str(), target, sizeof(target) - 1) > 0 && inodes.count(target) != 0) {
+            ++count;
+        }
+    }
+    closedir(fds);
+    return count;
+}
+
+// Waits until the threads are those of `before` and the local sockets as many.
+bool backTo(const std::map<std::string, int>& threads, int sockets) {
     auto end = Clock::now() + AgentLab::kPatience;
     while (Clock::now() < end) {
-        if (threadNames() == before) {
+        if (threadNames() == threads && localSockets() == sockets) {
             return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    std::printf("threads %zu (were %zu), local sockets %d (were %d)\n", threadNames().size(),
+                threads.size(), localSockets(), sockets);
     return false;
 }
 
@@ -228,14 +266,17 @@ TEST_F(ScreenStreaming, SessionEndAndShutDownStopTheStream) {
     AgentLab& lab = started();
     openSession(lab);
     std::map<std::string, int> before = threadNames();
+    int sockets = localSockets();
     EXPECT_EQ("RUNNING", transport(lab, "RUNNING"));
     frameAfter(lab, 0);
+    EXPECT_LT(sockets, localSockets());
 
-    // The session ends: the stream with it, and every thread it started.
+    // The session ends: the stream with it, every thread it started and every
+    // descriptor its elements held.
     ASSERT_EQ(ZelResultSuccess, ZelSessionTerm());
     ASSERT_TRUE(lab.waitForSessionState(ZelSessionStateNone));
     EXPECT_TRUE(lab.waitForLog("The Video Stream is stopped."));
-    EXPECT_TRUE(threadsBackTo(before));
+    EXPECT_TRUE(backTo(before, sockets));
 
     // A new session streams again; ZelTerm stops it on its way down.
     openSession(lab);
