@@ -8,6 +8,7 @@
 
 #include "tools/cloud/RecordedRequest.h"
 #include "tools/cloud/Service.h"
+#include "tools/cloud/SnapshotWait.h"
 
 namespace ZelCloud {
 
@@ -261,8 +262,8 @@ bool DrmpRegistry::waitForResults(size_t count, std::chrono::milliseconds timeou
 }
 
 bool DrmpRegistry::waitFor(const Predicate& predicate, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return predicate(toJsonLocked()); });
+    return WaitForSnapshot(
+        mutex_, changed_, [this] { return toJsonLocked(); }, predicate, timeout);
 }
 
 Json::Value DrmpRegistry::toJson() const {

@@ -9,6 +9,7 @@
 
 #include "tools/cloud/RecordedRequest.h"
 #include "tools/cloud/Service.h"
+#include "tools/cloud/SnapshotWait.h"
 
 namespace ZelCloud {
 
@@ -308,8 +309,8 @@ Json::Value SessionRegistry::active(const std::string& device) const {
 }
 
 bool SessionRegistry::waitFor(const Predicate& predicate, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return predicate(toJsonLocked()); });
+    return WaitForSnapshot(
+        mutex_, changed_, [this] { return toJsonLocked(); }, predicate, timeout);
 }
 
 void SessionRegistry::stop() {

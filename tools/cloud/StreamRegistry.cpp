@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/cloud/SnapshotWait.h"
+
 namespace ZelCloud {
 
 bool StreamRegistry::ValidName(const std::string& name) {
@@ -141,8 +143,8 @@ Json::Value StreamRegistry::toJson() const {
 }
 
 bool StreamRegistry::waitFor(const Predicate& predicate, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return predicate(toJsonLocked()); });
+    return WaitForSnapshot(
+        mutex_, changed_, [this] { return toJsonLocked(); }, predicate, timeout);
 }
 
 bool StreamRegistry::stopped() const {

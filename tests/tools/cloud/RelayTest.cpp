@@ -416,6 +416,26 @@ TEST(StreamRegistryTest, KeepsAtMostSixteenStreamsAndEndsWithStop) {
     EXPECT_EQ(StreamRegistry::Wait::Stopped, streams.waitForFrame("s0", 1, kWait, frame));
 }
 
+// A test's condition often asks the cloud again; the wait must not hold the
+// registry while it does, and must see a change made meanwhile.
+TEST(StreamRegistryTest, AWaitsConditionMayReadTheRegistry) {
+    StreamRegistry streams;
+    std::thread producer([&] {
+        uint64_t upload = streams.attach("tv", 0);
+        streams.addFrame("tv", upload, "frame");
+    });
+    bool seen = streams.waitFor(
+        [&](const Json::Value&) {
+            StreamRegistry::Frame frame;
+            return streams.toJson().size() == 1 && streams.latest("tv", frame);
+        },
+        kWait);
+    producer.join();
+    EXPECT_TRUE(seen);
+    EXPECT_FALSE(streams.waitFor([](const Json::Value& list) { return list.empty(); },
+                                 std::chrono::milliseconds(20)));
+}
+
 TEST(StreamRegistryTest, NamesAreShortAndPlain) {
     for (const char* good : {"a", "tv-1", "FFFFFF0ACC.zel.localhost-18443", "A_b.c-9"}) {
         EXPECT_TRUE(StreamRegistry::ValidName(good)) << good;
