@@ -178,7 +178,8 @@ bool FileUtil::Load(const std::string& dir, const std::string& base, std::string
         return false;
     }
     if (files.empty()) {
-        ZEL_LOG(ServiceCore, CategoryState, SeverityError, "File list was empty");
+        // Nothing stored yet is how every first start begins, not a fault.
+        ZEL_LOG(ServiceCore, CategoryState, SeverityInfo, "File list was empty");
         return false;
     }
     files = byVersion(files);
