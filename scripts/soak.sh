@@ -75,9 +75,11 @@ status=0
 # terminal. zel-soak bounds every step itself; the time-out is a last resort,
 # in the foreground so that Ctrl-C reaches zel-soak, which then stops cleanly.
 # malloc's per-thread caches count as "in use" and fill up over minutes; off,
-# the heap figure is what the process really holds.
+# the heap figure is what the process really holds. A fixed mmap threshold
+# keeps malloc from holding freed screen frames in its arenas (see README.md),
+# so RSS shows what the agent keeps rather than what malloc caches.
 # shellcheck disable=SC2086
-GLIBC_TUNABLES=glibc.malloc.tcache_count=0 \
+GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.malloc.mmap_threshold=131072 \
   ZEL_KORVANE_PLUGIN="$build/tools/korvane/libzel_korvane_sample.so" \
   timeout --foreground --kill-after=30 $((minutes * 60 + 900)) "$build/tools/soak/zel-soak" \
   --identity "$lab/pki/identity.json" --config "$lab/config.json" \

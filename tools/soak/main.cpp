@@ -168,12 +168,23 @@ int run(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
 
     // malloc's per-thread caches count as memory in use and fill up slowly
-    // over minutes; without them the heap figure is what is really held.
-    const char* tunables = std::getenv("GLIBC_TUNABLES");
-    if (tunables == nullptr || std::strstr(tunables, "glibc.malloc.tcache_count=0") == nullptr) {
-        std::fprintf(stderr,
-                     "soak: note: without GLIBC_TUNABLES=glibc.malloc.tcache_count=0 the heap "
-                     "figure includes malloc's per-thread caches\n");
+    // over minutes; without them the heap figure is what is really held. With
+    // its mmap threshold left to move, malloc keeps freed screen frames in its
+    // arenas and RSS shows that cache rather than the agent.
+    struct Tunable {
+        const char* setting;
+        const char* without;
+    };
+    const Tunable tunables[] = {
+        {"glibc.malloc.tcache_count=0", "the heap figure includes malloc's per-thread caches"},
+        {"glibc.malloc.mmap_threshold=", "RSS includes the frames malloc keeps after a stream"},
+    };
+    const char* set = std::getenv("GLIBC_TUNABLES");
+    for (const Tunable& tunable : tunables) {
+        if (set == nullptr || std::strstr(set, tunable.setting) == nullptr) {
+            std::fprintf(stderr, "soak: note: without GLIBC_TUNABLES=%s %s\n", tunable.setting,
+                         tunable.without);
+        }
     }
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
         std::fprintf(stderr, "soak: curl_global_init failed\n");
