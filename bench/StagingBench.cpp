@@ -30,21 +30,19 @@
 #include <thread>
 #include <vector>
 
+#include "PayloadFile.h"
 #include "SoftwareUpdate/Platform/PayloadManager.h"
-#include "tools/pack/Pack.h"
 
 namespace {
 
 using Zel::Su::PayloadManager;
 using Clock = std::chrono::steady_clock;
 
-constexpr uint32_t kBlockSize = 65536;
-constexpr uint32_t kTagBytes = PayloadManager::kTagBytes;
+using namespace ZelBench;
+static_assert(kTagBytes == PayloadManager::kTagBytes, "the agent's tag size");
 constexpr uint64_t kMiB = 1024 * 1024;
 // The in-memory limit runs over this much ciphertext, again and again.
 constexpr uint64_t kLimitBufferBytes = 64 * kMiB;
-// Blocks encrypted and written at a time while making a payload.
-constexpr uint32_t kChunkBlocks = 16;
 
 uint64_t EnvMiB(const char* name, uint64_t fallback) {
     const char* text = std::getenv(name);
@@ -58,49 +56,6 @@ uint64_t EnvMiB(const char* name, uint64_t fallback) {
 
 double Seconds(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-const unsigned char* Bytes(const std::string& text) {
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
-struct CipherFree {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-struct DigestFree {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-using CipherPtr = std::unique_ptr<EVP_CIPHER_CTX, CipherFree>;
-using DigestPtr = std::unique_ptr<EVP_MD_CTX, DigestFree>;
-
-void BlockNonce(const ZelPack::KeyBlock& keys, uint32_t index, unsigned char nonce[12]) {
-    std::memcpy(nonce, keys.iv.data(), 12);
-    nonce[0] = static_cast<unsigned char>(index >> 24);
-    nonce[1] = static_cast<unsigned char>(index >> 16);
-    nonce[2] = static_cast<unsigned char>(index >> 8);
-    nonce[3] = static_cast<unsigned char>(index);
-}
-
-// Ciphertext then tag, as zel-pack writes a block; `context` keeps the key.
-bool EncryptBlock(EVP_CIPHER_CTX* context, const ZelPack::KeyBlock& keys, uint32_t index,
-                  const unsigned char* plain, uint32_t size, unsigned char* out) {
-    unsigned char nonce[12];
-    BlockNonce(keys, index, nonce);
-    int length = 0;
-    int tail = 0;
-    return EVP_EncryptInit_ex(context, EVP_aes_128_gcm(), nullptr, Bytes(keys.key), nonce) == 1 &&
-           EVP_EncryptUpdate(context, nullptr, &length, Bytes(keys.aad), 16) == 1 &&
-           EVP_EncryptUpdate(context, out, &length, plain, static_cast<int>(size)) == 1 &&
-           EVP_EncryptFinal_ex(context, out + length, &tail) == 1 &&
-           static_cast<uint32_t>(length + tail) == size &&
-           EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_GCM_GET_TAG, kTagBytes, out + size) == 1;
 }
 
 // Decrypts one block, checking its tag, and hashes the plaintext;
@@ -129,50 +84,6 @@ bool StartOpening(const ZelPack::KeyBlock& keys, CipherPtr& cipher, DigestPtr& d
                1;
 }
 
-std::string FinishHex(EVP_MD_CTX* digest) {
-    unsigned char hash[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (EVP_DigestFinal_ex(digest, hash, &length) != 1) {
-        return std::string();
-    }
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) {
-        hex.push_back(kDigits[hash[i] >> 4]);
-        hex.push_back(kDigits[hash[i] & 0x0f]);
-    }
-    return hex;
-}
-
-// Incompressible-looking bytes, cheaply: xorshift64.
-class Plaintext {
-public:
-    void fill(unsigned char* out, size_t size) {
-        for (size_t i = 0; i < size; i += 8) {
-            state_ ^= state_ << 13;
-            state_ ^= state_ >> 7;
-            state_ ^= state_ << 17;
-            std::memcpy(out + i, &state_, std::min<size_t>(8, size - i));
-        }
-    }
-
-private:
-    uint64_t state_ = 0x9e3779b97f4a7c15ull;
-};
-
-bool WriteAll(int fd, const unsigned char* data, size_t size, uint64_t offset) {
-    while (size > 0) {
-        ssize_t written = pwrite(fd, data, size, static_cast<off_t>(offset));
-        if (written <= 0) {
-            return false;
-        }
-        data += written;
-        size -= static_cast<size_t>(written);
-        offset += static_cast<uint64_t>(written);
-    }
-    return true;
-}
-
 // Fields of /proc/self/status in KiB; -1 when missing.
 long StatusKiB(const char* field) {
     std::ifstream status("/proc/self/status");
@@ -196,20 +107,6 @@ bool ResetPeakRss() {
     close(fd);
     return reset;
 }
-
-// A payload as the agent receives it: its token, and a file with the
-// encrypted blocks at `dataOffset` (behind the token for a local one).
-struct Payload {
-    std::string path;
-    std::string token;
-    uint64_t plainBytes = 0;
-    uint64_t dataOffset = 0;
-    std::string hash;
-    ZelPack::KeyBlock keys;
-    uint64_t encryptedBytes() const {
-        return plainBytes + (plainBytes + kBlockSize - 1) / kBlockSize * kTagBytes;
-    }
-};
 
 // One throw-away PKI, product kit and directory for the whole run.
 class Lab {
@@ -256,98 +153,15 @@ public:
     const Zel::Su::ProductKit& kit() const { return kit_; }
     std::string file(const std::string& name) const { return dir_ + "/" + name; }
 
-    // Writes `plainBytes` of payload to `name`, encrypting and hashing block
-    // by block so that not even one copy of it sits in memory. Pack makes
-    // the keys and every claim from one byte; size and hash are then ours.
+    // Writes `plainBytes` of payload to `name`; a local one when `url` is empty.
     bool makePayload(const std::string& name, uint64_t plainBytes, const std::string& url,
                      Payload& payload, std::string& error) const {
-        ZelPack::Options options;
-        options.blockSize = kBlockSize;
-        options.version = "5.0.0";
-        options.displayText = "Staging benchmark";
-        options.audiences = {"4.7.0", "4.8.0"};
-        options.url = url;
-        options.signKeyPem = ReadText(file("pki/signer.key"));
-        options.signCertPem = ReadText(file("pki/signer.crt"));
-        options.intermediateCertPem = ReadText(file("pki/update-ca.crt"));
-        options.deviceCertPem = ReadText(file("pki/device.crt"));
-        ZelPack::Package seed;
-        if (!ZelPack::Pack(std::string(1, 'x'), options, seed, error)) {
-            return false;
-        }
-        Json::Value header(Json::objectValue);
-        header["alg"] = "RS512";
-        header["typ"] = "JWT";
-        Json::Value claims = seed.claims;
-        claims["siz"] = Json::UInt64(plainBytes);
-        // The hash is only known at the end; its hex is always this long, and
-        // so is the token, which lets the blocks go behind it first.
-        claims["hsh"] = std::string(64, '0');
-        std::string token;
-        if (!ZelPack::SignToken(header, claims, options.signKeyPem, token, error)) {
-            return false;
-        }
-        const bool local = url.empty();
-        payload.path = file(name);
-        payload.plainBytes = plainBytes;
-        payload.dataOffset = local ? 4 + token.size() : 0;
-
-        int fd = open(payload.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd < 0) {
-            error = "cannot create " + payload.path;
-            return false;
-        }
-        CipherPtr cipher(EVP_CIPHER_CTX_new());
-        DigestPtr digest(EVP_MD_CTX_new());
-        bool ok = cipher && digest && EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) == 1;
-        std::vector<unsigned char> plain(kBlockSize);
-        std::vector<unsigned char> out(static_cast<size_t>(kChunkBlocks) *
-                                       (kBlockSize + kTagBytes));
-        Plaintext source;
-        const uint64_t blocks = (plainBytes + kBlockSize - 1) / kBlockSize;
-        uint64_t offset = payload.dataOffset;
-        for (uint64_t block = 0; ok && block < blocks;) {
-            size_t used = 0;
-            for (uint32_t i = 0; ok && i < kChunkBlocks && block < blocks; ++i, ++block) {
-                auto size = static_cast<uint32_t>(
-                    std::min<uint64_t>(kBlockSize, plainBytes - block * kBlockSize));
-                source.fill(plain.data(), size);
-                ok = EVP_DigestUpdate(digest.get(), plain.data(), size) == 1 &&
-                     EncryptBlock(cipher.get(), seed.keys, static_cast<uint32_t>(block),
-                                  plain.data(), size, out.data() + used);
-                used += size + kTagBytes;
-            }
-            ok = ok && WriteAll(fd, out.data(), used, offset);
-            offset += used;
-        }
-        std::string hex = ok ? FinishHex(digest.get()) : std::string();
-        if (!hex.empty()) {
-            claims["hsh"] = hex;
-            size_t reserved = token.size();
-            ok = ZelPack::SignToken(header, claims, options.signKeyPem, token, error) &&
-                 (!local || token.size() == reserved);
-        } else {
-            ok = false;
-        }
-        if (ok && local) {
-            auto size = static_cast<uint32_t>(token.size());
-            unsigned char prefix[4] = {
-                static_cast<unsigned char>(size >> 24), static_cast<unsigned char>(size >> 16),
-                static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
-            ok = WriteAll(fd, prefix, sizeof prefix, 0) && WriteAll(fd, Bytes(token), size, 4);
-        }
-        ok = close(fd) == 0 && ok;
-        if (!ok) {
-            if (error.empty()) {
-                error = "cannot write the payload " + payload.path;
-            }
-            unlink(payload.path.c_str());
-            return false;
-        }
-        payload.token = token;
-        payload.hash = hex;
-        payload.keys = seed.keys;
-        return true;
+        PayloadSpec spec;
+        spec.pkiDir = file("pki");
+        spec.displayText = "Staging benchmark";
+        spec.audiences = {"4.7.0", "4.8.0"};
+        spec.url = url;
+        return WritePayload(spec, file(name), plainBytes, payload, error);
     }
 
 private:
