@@ -191,11 +191,23 @@ constexpr bool kSocketsChecked = false;
 constexpr bool kSocketsChecked = true;
 #endif
 
-// Waits until the threads are those of `before` and the local sockets as many.
+// Whether every thread running now was running in `before`: a thread that was
+// finishing when `before` was taken may be gone since.
+bool noNewThreads(const std::map<std::string, int>& before) {
+    for (const auto& named : threadNames()) {
+        auto was = before.find(named.first);
+        if (was == before.end() || was->second < named.second) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Waits until no thread is left beyond `before` and the local sockets are as many.
 bool backTo(const std::map<std::string, int>& threads, int sockets) {
     auto end = Clock::now() + AgentLab::kPatience;
     while (Clock::now() < end) {
-        if (threadNames() == threads && (!kSocketsChecked || localSockets() == sockets)) {
+        if (noNewThreads(threads) && (!kSocketsChecked || localSockets() == sockets)) {
             if (localSockets() != sockets) {
                 std::printf("local sockets %d (were %d)\n", localSockets(), sockets);
             }
