@@ -410,6 +410,9 @@ TEST_F(SuServiceTest, StopCutsADelayShortAndEndsKeptConnections) {
     // A connection the client keeps after its answer.
     CURL* kept = curl_easy_init();
     EXPECT_EQ(206, Fetch(published.url, BlockRange(0), kept).status);
+    // Recorded a moment after the client has its answer; until then it counts
+    // as in flight, and the wait below would not be for the held answer.
+    ASSERT_TRUE(cloud_->waitForPayloadRequests(1, kWait));
     cloud_->addPayloadFault(Fault{"", Kind::Delay, 0, 60000, 0, 1, ""});
     auto held =
         std::async(std::launch::async, [&] { return Fetch(published.url, BlockRange(0)).status; });
@@ -419,7 +422,6 @@ TEST_F(SuServiceTest, StopCutsADelayShortAndEndsKeptConnections) {
     EXPECT_LT(ElapsedMs(start), 2000);
     EXPECT_EQ(503, held.get());
     curl_easy_cleanup(kept);
-    // The kept connection's answer may be recorded as late as its close, at the stop.
     std::vector<std::string> faults;
     for (const ZelCloud::PayloadRequest& request : cloud_->payloadRequests()) {
         faults.push_back(request.fault);
