@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Core/Platform/OpenSsl.h"
 #include "tools/pack/Pack.h"
 
 namespace ZelBench {
@@ -23,14 +24,8 @@ std::string ReadText(const std::string& path);
 const unsigned char* Bytes(const std::string& text);
 bool WriteAll(int fd, const unsigned char* data, size_t size, uint64_t offset);
 
-struct CipherFree {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-struct DigestFree {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-using CipherPtr = std::unique_ptr<EVP_CIPHER_CTX, CipherFree>;
-using DigestPtr = std::unique_ptr<EVP_MD_CTX, DigestFree>;
+using CipherPtr = Zel::Core::CipherCtxPtr;
+using DigestPtr = Zel::Core::MdCtxPtr;
 
 // The nonce of a block: the iv with the big-endian block index in its first
 // four bytes.
